@@ -1,0 +1,35 @@
+/* The library's log: every step writes one line through a replaceable sink. */
+#ifndef NIMBARA_LOG_H
+#define NIMBARA_LOG_H
+
+#include <nimbara/export.h>
+
+#ifdef __cplusplus
+#include <functional>
+#include <string_view>
+
+namespace nimbara {
+
+/* Receives one log line, without time prefix and without newline.
+ * Lines arrive in the order they were written, on the library's log thread,
+ * never on the audio thread: a slow sink delays the log, not the sound.
+ * A sink that throws loses that line and nothing else. */
+using LogSink = std::function<void(std::string_view line)>;
+
+/* Replaces the sink; an empty function silences the library. Lines written
+ * before the call are delivered to the old sink first. The default sink writes
+ * each line to stderr with a local time prefix, the process name and its id. */
+NIMBARA_API void setLogSink(LogSink sink);
+
+/* Waits until every line written so far has reached the sink. Lines written on
+ * other threads are already delivered when a call that wrote them returns,
+ * except lines of the audio thread, which this waits for too. */
+NIMBARA_API void flushLog();
+
+/* Lines of the audio thread that were dropped because the log was full. */
+NIMBARA_API unsigned long long droppedLogLines();
+
+}  // namespace nimbara
+#endif
+
+#endif

@@ -1,0 +1,21 @@
+/* Every public header of nimbara. The C section comes first; the C++ layer of
+ * each header is only seen by C++ code. */
+#ifndef NIMBARA_NIMBARA_H
+#define NIMBARA_NIMBARA_H
+
+#include <nimbara/export.h>
+#include <nimbara/frame/commands.h>
+#include <nimbara/frame/frame.h>
+#include <nimbara/frame/protocol_unit.h>
+#include <nimbara/platform/audio_queue.h>
+#include <nimbara/signal/playback.h>
+#include <nimbara/signal/renderer.h>
+#include <nimbara/signal/signal_units.h>
+
+#include <nimbara/log.h>
+#include <nimbara/platform/backend.h>
+#include <nimbara/platform/virtual_device.h>
+#include <nimbara/platform/wav_device.h>
+#include <nimbara/platform/pulse_device.h>
+
+#endif

@@ -1,0 +1,93 @@
+/* The virtual device: an audio output that plays into memory, on a clock of
+ * its own, so that everything runs headless. It records what it is handed and
+ * what it plays, has a settable route, and fails any platform call on request. */
+#ifndef NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
+#define NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
+
+#include <nimbara/platform/backend.h>
+
+#ifdef __cplusplus
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace nimbara::platform {
+
+class NIMBARA_API VirtualDevice : public Backend {
+ public:
+  struct Options {
+    /* Seconds of device time per second of sound: 1 plays in real time, 0.001
+     * a thousand times faster, 0 as fast as possible. Also scales the thread
+     * pause of the playback engine's wait. */
+    double timeScale = 1.0;
+    std::string route = "Virtual Headphones";
+    /* Whether the samples are kept, and how many frames each stream may keep. */
+    bool record = true;
+    std::size_t recordLimitFrames = 44100 * 10;
+  };
+
+  VirtualDevice();
+  explicit VirtualDevice(Options options);
+
+  const char* name() const override { return "virtual"; }
+  std::int32_t openStream(const NimbaraStreamFormat& format,
+                          std::unique_ptr<OutputStream>* stream) override;
+  std::int32_t routeName(std::string* name) override;
+  std::int32_t initializeSession() override;
+  std::int32_t setCategoryPlayback() override;
+  std::int32_t setActive(bool active) override;
+  std::int32_t setPreferredSampleRate(double rate) override;
+  void sleep(double seconds) override;
+  std::int32_t injectedFault(Call call, unsigned occurrence) override;
+  bool returnsBuffersAfterDispose() const override;
+
+  void setRoute(std::string route);
+  /* Fails the occurrence-th call of that kind on every queue (1 for the
+   * creation, start and route query) with status; status 0 clears it. */
+  void failCall(Call call, std::int32_t status, unsigned occurrence = 1);
+  void clearFaults();
+  void setReturnsBuffersAfterDispose(bool returns);
+
+  /* Interleaved stereo samples of the streams that have finished, in order:
+   * everything handed to the output, and what was played of it. */
+  std::vector<std::int16_t> enqueuedSamples() const;
+  std::vector<std::int16_t> playedSamples() const;
+  void clearRecordings();
+
+  struct Session {
+    int initializeCalls = 0;
+    int categoryCalls = 0;
+    bool active = false;
+    int preferredRateCalls = 0;
+    double preferredRate = 0;
+  };
+  Session session() const;
+
+  double timeScale() const { return options_.timeScale; }
+
+ private:
+  class Stream;
+  struct Fault {
+    std::atomic<std::int32_t> status{0};
+    std::atomic<unsigned> occurrence{0};
+  };
+
+  void keep(const std::vector<std::int16_t>& enqueued, const std::vector<std::int16_t>& played);
+
+  const Options options_;
+  std::array<Fault, 5> faults_;
+  std::atomic<bool> returnsBuffers_{true};
+  mutable std::mutex mutex_;
+  std::string route_;
+  std::vector<std::int16_t> enqueued_;
+  std::vector<std::int16_t> played_;
+  Session session_;
+};
+
+}  // namespace nimbara::platform
+#endif
+
+#endif

@@ -1,0 +1,51 @@
+/* A backend that plays into a WAV file (16-bit stereo, 44100 Hz) as fast as
+ * possible: the file holds exactly what a device would have heard, every
+ * transmission after the one before. Not a real-time device. */
+#ifndef NIMBARA_PLATFORM_WAV_DEVICE_H
+#define NIMBARA_PLATFORM_WAV_DEVICE_H
+
+#include <nimbara/platform/backend.h>
+
+#ifdef __cplusplus
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+namespace nimbara::platform {
+
+class NIMBARA_API WavDevice : public Backend {
+ public:
+  explicit WavDevice(std::string path, std::string route = "WAV Headphones");
+  ~WavDevice() override;
+
+  const char* name() const override { return "wav"; }
+  std::int32_t openStream(const NimbaraStreamFormat& format,
+                          std::unique_ptr<OutputStream>* stream) override;
+  std::int32_t routeName(std::string* name) override;
+  void sleep(double seconds) override;  // no wait: the file takes sound at once
+
+  void setRoute(std::string route);
+  /* Frames written so far. */
+  std::size_t frames() const;
+
+ private:
+  class Stream;
+  std::int32_t write(const std::int16_t* samples, std::size_t frames);
+  std::int32_t finishHeader();
+
+  const std::string path_;
+  mutable std::mutex mutex_;
+  std::string route_;
+  std::FILE* file_ = nullptr;
+  std::size_t frames_ = 0;
+  bool failed_ = false;
+};
+
+/* Writes interleaved 16-bit stereo samples at 44100 Hz as a WAV file. */
+NIMBARA_API std::int32_t writeWavFile(const std::string& path, const std::int16_t* samples,
+                                      std::size_t frames);
+
+}  // namespace nimbara::platform
+#endif
+
+#endif

@@ -1,0 +1,248 @@
+// The output queue shared by every backend: buffers, the enqueued ring, the
+// queue's thread that plays buffers and calls back, and the dispose rules the
+// playback engine's counting depends on. Backends only supply the stream.
+#include <nimbara/platform/audio_queue.h>
+
+#include <nimbara/platform/backend.h>
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "common/bounded_queue.h"
+#include "common/log.h"
+
+using nimbara::platform::Backend;
+using nimbara::platform::Call;
+using nimbara::platform::OutputStream;
+
+struct NimbaraAudioQueue {
+  std::shared_ptr<Backend> backend;
+  std::unique_ptr<OutputStream> stream;
+  NimbaraAudioQueueOutputCallback callback = nullptr;
+  void* userData = nullptr;
+
+  std::array<NimbaraAudioBuffer, NIMBARA_AUDIO_MAX_BUFFERS> buffers{};
+  std::array<std::unique_ptr<std::uint8_t[]>, NIMBARA_AUDIO_MAX_BUFFERS> storage;
+  std::array<std::atomic<bool>, NIMBARA_AUDIO_MAX_BUFFERS> inQueue{};
+  std::atomic<unsigned> bufferCount{0};
+  std::atomic<unsigned> enqueueCount{0};
+  nimbara::detail::BoundedQueue<NimbaraAudioBuffer*, NIMBARA_AUDIO_MAX_BUFFERS> pending;
+
+  std::atomic<std::uint32_t> signal{0};  // bumped whenever the thread has news
+  std::atomic<bool> started{false};
+  std::atomic<bool> disposed{false};
+  std::atomic<bool> orphaned{false};  // the owner released the handle
+  std::atomic<bool> stop{false};      // tells the stream to give up the current buffer
+  std::atomic<int> refs{1};
+
+  ~NimbaraAudioQueue() {
+    // A started queue's thread closes the stream; an unstarted one closes here.
+    if (stream && !started.load(std::memory_order_acquire)) stream->close();
+  }
+
+  void wake() {
+    signal.fetch_add(1, std::memory_order_release);
+    signal.notify_one();
+  }
+
+  void dropRef() {
+    if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+
+  int indexOf(const NimbaraAudioBuffer* buffer) const {
+    const unsigned count = bufferCount.load(std::memory_order_acquire);
+    for (unsigned i = 0; i < count; ++i) {
+      if (&buffers[i] == buffer) return static_cast<int>(i);
+    }
+    return -1;
+  }
+};
+
+namespace {
+
+std::atomic<std::size_t> runningQueues{0};
+
+bool isPlayableFormat(const NimbaraStreamFormat& f) {
+  return f.sampleRate == 44100.0 && f.formatID == NIMBARA_FORMAT_LINEAR_PCM &&
+         (f.formatFlags & NIMBARA_FORMAT_FLAG_SIGNED_INTEGER) != 0 && f.bytesPerPacket == 4 &&
+         f.framesPerPacket == 1 && f.bytesPerFrame == 4 && f.channelsPerFrame == 2 &&
+         f.bitsPerChannel == 16;
+}
+
+const std::int16_t* samplesOf(const NimbaraAudioBuffer& buffer) {
+  return static_cast<const std::int16_t*>(buffer.audioData);
+}
+
+std::size_t framesOf(const NimbaraAudioBuffer& buffer) { return buffer.audioDataByteSize / 4; }
+
+// The queue's thread: play each enqueued buffer, then hand it back. Once the
+// queue is disposed of, what is still enqueued comes back unplayed.
+void runQueue(NimbaraAudioQueue* q) {
+  nimbara::detail::markAudioThread();
+  const bool returnAfterDispose = q->backend->returnsBuffersAfterDispose();
+  for (;;) {
+    if (q->orphaned.load(std::memory_order_acquire)) break;
+    const std::uint32_t seen = q->signal.load(std::memory_order_acquire);
+    NimbaraAudioBuffer* buffer = nullptr;
+    if (!q->pending.tryPop(&buffer)) {
+      if (q->disposed.load(std::memory_order_acquire)) break;
+      q->signal.wait(seen, std::memory_order_acquire);
+      continue;
+    }
+    const bool disposed = q->disposed.load(std::memory_order_acquire);
+    if (!disposed) q->stream->play(samplesOf(*buffer), framesOf(*buffer), q->stop);
+    q->inQueue[static_cast<std::size_t>(q->indexOf(buffer))].store(false,
+                                                                   std::memory_order_release);
+    if (q->orphaned.load(std::memory_order_acquire)) break;
+    if (!q->disposed.load(std::memory_order_acquire) || returnAfterDispose) {
+      q->callback(q->userData, q, buffer);
+    }
+  }
+  q->stream->close();
+  q->dropRef();
+  runningQueues.fetch_sub(1, std::memory_order_acq_rel);
+  runningQueues.notify_all();
+}
+
+}  // namespace
+
+const char* nimbaraAudioStatusText(int32_t status) {
+  switch (status) {
+    case NIMBARA_AUDIO_OK:
+      return "success";
+    case NIMBARA_AUDIO_ERR_NO_SERVER:
+      return "the audio server cannot be reached";
+    case NIMBARA_AUDIO_ERR_FORMAT:
+      return "the stream format is not 44100 Hz 16-bit stereo PCM";
+    case NIMBARA_AUDIO_ERR_DISPOSED:
+      return "the audio queue has been disposed of";
+    case NIMBARA_AUDIO_ERR_INVALID:
+      return "invalid argument";
+    case NIMBARA_AUDIO_ERR_NO_MEMORY:
+      return "out of memory or buffer slots";
+    case NIMBARA_AUDIO_ERR_BUSY:
+      return "buffer already enqueued or queue already started";
+    case NIMBARA_AUDIO_ERR_IO:
+      return "the audio output failed";
+    case NIMBARA_AUDIO_ERR_NO_ROUTE:
+      return "the audio route cannot be read";
+    case NIMBARA_AUDIO_ERR_STREAM:
+      return "the audio server refused the playback stream";
+    default:
+      return status < 0 ? "unknown audio error" : "platform status";
+  }
+}
+
+int32_t nimbaraAudioQueueNewOutput(const NimbaraStreamFormat* format,
+                                   NimbaraAudioQueueOutputCallback callback, void* userData,
+                                   uint32_t /*flags*/, NimbaraAudioQueueRef* outQueue) {
+  if (format == nullptr || callback == nullptr || outQueue == nullptr) {
+    return NIMBARA_AUDIO_ERR_INVALID;
+  }
+  if (!isPlayableFormat(*format)) return NIMBARA_AUDIO_ERR_FORMAT;
+  std::shared_ptr<Backend> backend = nimbara::platform::currentBackend();
+  if (!backend) return NIMBARA_AUDIO_ERR_NO_SERVER;
+  if (const std::int32_t fault = backend->injectedFault(Call::NewOutput, 1)) return fault;
+  std::unique_ptr<OutputStream> stream;
+  if (const std::int32_t status = backend->openStream(*format, &stream)) return status;
+  if (!stream) return NIMBARA_AUDIO_ERR_STREAM;
+  auto* queue = new (std::nothrow) NimbaraAudioQueue;
+  if (queue == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  queue->backend = std::move(backend);
+  queue->stream = std::move(stream);
+  queue->callback = callback;
+  queue->userData = userData;
+  *outQueue = queue;
+  return NIMBARA_AUDIO_OK;
+}
+
+int32_t nimbaraAudioQueueAllocateBuffer(NimbaraAudioQueueRef queue, uint32_t byteSize,
+                                        NimbaraAudioBufferRef* outBuffer) {
+  if (queue == nullptr || outBuffer == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
+  const unsigned index = queue->bufferCount.load(std::memory_order_relaxed);
+  if (index >= NIMBARA_AUDIO_MAX_BUFFERS) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  if (const std::int32_t fault = queue->backend->injectedFault(Call::AllocateBuffer, index + 1)) {
+    return fault;
+  }
+  auto& storage = queue->storage[index];
+  storage.reset(new (std::nothrow) std::uint8_t[byteSize > 0 ? byteSize : 1]());
+  if (!storage) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  NimbaraAudioBuffer& buffer = queue->buffers[index];
+  buffer.audioData = storage.get();
+  buffer.audioDataBytesCapacity = byteSize;
+  buffer.audioDataByteSize = 0;
+  queue->bufferCount.store(index + 1, std::memory_order_release);
+  *outBuffer = &buffer;
+  return NIMBARA_AUDIO_OK;
+}
+
+int32_t nimbaraAudioQueueEnqueueBuffer(NimbaraAudioQueueRef queue, NimbaraAudioBufferRef buffer) {
+  if (queue == nullptr || buffer == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  const int index = queue->indexOf(buffer);
+  if (index < 0 || buffer->audioDataByteSize > buffer->audioDataBytesCapacity) {
+    return NIMBARA_AUDIO_ERR_INVALID;
+  }
+  if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
+  const unsigned occurrence = queue->enqueueCount.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (const std::int32_t fault = queue->backend->injectedFault(Call::Enqueue, occurrence)) {
+    return fault;
+  }
+  if (queue->inQueue[static_cast<std::size_t>(index)].exchange(true, std::memory_order_acq_rel)) {
+    return NIMBARA_AUDIO_ERR_BUSY;
+  }
+  queue->stream->enqueued(samplesOf(*buffer), framesOf(*buffer));
+  queue->pending.tryPush(buffer);  // cannot be full: one slot per buffer
+  queue->wake();
+  return NIMBARA_AUDIO_OK;
+}
+
+int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
+  if (queue == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
+  if (const std::int32_t fault = queue->backend->injectedFault(Call::Start, 1)) return fault;
+  if (queue->started.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_BUSY;
+  queue->refs.fetch_add(1, std::memory_order_relaxed);
+  runningQueues.fetch_add(1, std::memory_order_acq_rel);
+  try {
+    std::thread(runQueue, queue).detach();
+  } catch (const std::system_error&) {
+    runningQueues.fetch_sub(1, std::memory_order_acq_rel);
+    queue->started.store(false, std::memory_order_release);
+    queue->dropRef();
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+int32_t nimbaraAudioQueueDispose(NimbaraAudioQueueRef queue, bool immediate) {
+  if (queue == nullptr || !immediate) return NIMBARA_AUDIO_ERR_INVALID;
+  if (queue->disposed.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_DISPOSED;
+  queue->stop.store(true, std::memory_order_release);
+  queue->wake();
+  return NIMBARA_AUDIO_OK;
+}
+
+void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue) {
+  if (queue == nullptr) return;
+  queue->orphaned.store(true, std::memory_order_release);
+  queue->stop.store(true, std::memory_order_release);
+  queue->wake();
+  queue->dropRef();
+}
+
+namespace nimbara::platform {
+
+std::size_t activeQueues() { return runningQueues.load(std::memory_order_acquire); }
+
+void waitUntilIdle() {
+  for (std::size_t n = activeQueues(); n != 0; n = activeQueues()) {
+    runningQueues.wait(n, std::memory_order_acquire);
+  }
+}
+
+}  // namespace nimbara::platform

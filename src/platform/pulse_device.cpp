@@ -1,0 +1,370 @@
+// PulseAudio backend. Each stream has its own connection on a threaded main
+// loop. The queue's thread hands buffers over through a lock-free byte ring;
+// a pump on the main loop's thread (the stream's write callback and a 5 ms
+// timer) moves them into the server and publishes the playback position, so
+// that the hand-over never takes the main loop's lock.
+#include <nimbara/platform/pulse_device.h>
+
+#include <pulse/pulseaudio.h>
+#include <pulse/rtclock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "common/log.h"
+
+namespace nimbara::platform {
+namespace {
+
+constexpr std::size_t kBytesPerFrame = 4;
+constexpr double kFramesPerSecond = 44100.0;
+constexpr std::uint32_t kTargetLatencyBytes = 8820;  // 50 ms
+constexpr pa_usec_t kPumpPeriodUsec = 5000;
+constexpr std::size_t kRingBytes = 1u << 16;  // more than all a queue's buffers
+constexpr auto kStallLimit = std::chrono::seconds(2);
+
+// Single producer (the queue's thread), single consumer (the main loop's thread).
+class ByteRing {
+ public:
+  ByteRing() : data_(new std::uint8_t[kRingBytes]) {}
+
+  std::size_t space() const {
+    return kRingBytes - (head_.load(std::memory_order_relaxed) - tail_.load(std::memory_order_acquire));
+  }
+
+  void push(const std::uint8_t* bytes, std::size_t count) {
+    const std::size_t head = head_.load(std::memory_order_relaxed);
+    const std::size_t offset = head % kRingBytes;
+    const std::size_t first = std::min(count, kRingBytes - offset);
+    std::memcpy(data_.get() + offset, bytes, first);
+    std::memcpy(data_.get(), bytes + first, count - first);
+    head_.store(head + count, std::memory_order_release);
+  }
+
+  // The next contiguous readable bytes, at most `limit`.
+  std::size_t peek(const std::uint8_t** bytes, std::size_t limit) const {
+    const std::size_t tail = tail_.load(std::memory_order_relaxed);
+    const std::size_t available = head_.load(std::memory_order_acquire) - tail;
+    const std::size_t offset = tail % kRingBytes;
+    *bytes = data_.get() + offset;
+    return std::min({available, limit, kRingBytes - offset});
+  }
+
+  void consume(std::size_t count) {
+    tail_.store(tail_.load(std::memory_order_relaxed) + count, std::memory_order_release);
+  }
+
+ private:
+  std::unique_ptr<std::uint8_t[]> data_;
+  std::atomic<std::size_t> head_{0};
+  std::atomic<std::size_t> tail_{0};
+};
+
+// A connected context on its own threaded main loop.
+class Connection {
+ public:
+  Connection() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  ~Connection() {
+    if (loop_ == nullptr) return;
+    pa_threaded_mainloop_lock(loop_);
+    if (context_ != nullptr) {
+      pa_context_set_state_callback(context_, nullptr, nullptr);
+      pa_context_disconnect(context_);
+      pa_context_unref(context_);
+    }
+    pa_threaded_mainloop_unlock(loop_);
+    pa_threaded_mainloop_stop(loop_);
+    pa_threaded_mainloop_free(loop_);
+  }
+
+  std::int32_t connect(const std::string& server) {
+    loop_ = pa_threaded_mainloop_new();
+    if (loop_ == nullptr || pa_threaded_mainloop_start(loop_) < 0) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    Lock lock(loop_);
+    context_ = pa_context_new(pa_threaded_mainloop_get_api(loop_), "nimbara");
+    if (context_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    pa_context_set_state_callback(context_, &Connection::onState, this);
+    if (pa_context_connect(context_, server.empty() ? nullptr : server.c_str(),
+                           PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+      return NIMBARA_AUDIO_ERR_NO_SERVER;
+    }
+    for (;;) {
+      const pa_context_state_t state = pa_context_get_state(context_);
+      if (state == PA_CONTEXT_READY) return NIMBARA_AUDIO_OK;
+      if (!PA_CONTEXT_IS_GOOD(state)) return NIMBARA_AUDIO_ERR_NO_SERVER;
+      pa_threaded_mainloop_wait(loop_);
+    }
+  }
+
+  // Runs an operation to its end; the caller holds the lock.
+  bool await(pa_operation* operation) {
+    if (operation == nullptr) return false;
+    while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING && alive()) {
+      pa_threaded_mainloop_wait(loop_);
+    }
+    const bool done = pa_operation_get_state(operation) == PA_OPERATION_DONE;
+    pa_operation_unref(operation);
+    return done;
+  }
+
+  bool alive() const { return !lost_.load(std::memory_order_acquire); }
+  const char* error() const { return pa_strerror(pa_context_errno(context_)); }
+  void signal() { pa_threaded_mainloop_signal(loop_, 0); }
+
+  pa_threaded_mainloop* loop() const { return loop_; }
+  pa_context* context() const { return context_; }
+
+  class Lock {
+   public:
+    explicit Lock(pa_threaded_mainloop* loop) : loop_(loop) { pa_threaded_mainloop_lock(loop_); }
+    ~Lock() { pa_threaded_mainloop_unlock(loop_); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+   private:
+    pa_threaded_mainloop* loop_;
+  };
+
+ private:
+  static void onState(pa_context* context, void* self) {
+    auto* connection = static_cast<Connection*>(self);
+    if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
+      connection->lost_.store(true, std::memory_order_release);
+    }
+    connection->signal();
+  }
+
+  pa_threaded_mainloop* loop_ = nullptr;
+  pa_context* context_ = nullptr;
+  std::atomic<bool> lost_{false};
+};
+
+// What the default sink tells about itself.
+struct SinkFacts {
+  std::string route;
+  PulseDevice::OutputLevel level;
+};
+
+std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
+  Connection connection;
+  if (const std::int32_t status = connection.connect(server)) return status;
+  struct Query {
+    Connection* connection;
+    std::string sinkName;
+    SinkFacts* facts;
+    bool found = false;
+  } query{&connection, {}, facts};
+  Connection::Lock lock(connection.loop());
+  auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
+    auto* q = static_cast<Query*>(data);
+    if (info != nullptr && info->default_sink_name != nullptr) q->sinkName = info->default_sink_name;
+    q->connection->signal();
+  };
+  if (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
+      query.sinkName.empty()) {
+    return NIMBARA_AUDIO_ERR_NO_ROUTE;
+  }
+  auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+    auto* q = static_cast<Query*>(data);
+    if (eol == 0 && info != nullptr) {
+      q->found = true;
+      q->facts->route = info->description != nullptr ? info->description : info->name;
+      if (info->active_port != nullptr && info->active_port->description != nullptr) {
+        q->facts->route += ": ";
+        q->facts->route += info->active_port->description;
+      }
+      q->facts->level.volumePercent = 100.0 * pa_cvolume_max(&info->volume) / PA_VOLUME_NORM;
+      q->facts->level.muted = info->mute != 0;
+    }
+    q->connection->signal();
+  };
+  if (!connection.await(pa_context_get_sink_info_by_name(
+          connection.context(), query.sinkName.c_str(), onSink, &query)) ||
+      !query.found) {
+    return NIMBARA_AUDIO_ERR_NO_ROUTE;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+}  // namespace
+
+class PulseDevice::Stream : public OutputStream {
+ public:
+  ~Stream() override { close(); }
+
+  std::int32_t open(const std::string& server) {
+    if (const std::int32_t status = connection_.connect(server)) return status;
+    Connection::Lock lock(connection_.loop());
+    const pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 2};
+    stream_ = pa_stream_new(connection_.context(), "nimbara", &spec, nullptr);
+    if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
+    pa_stream_set_state_callback(stream_, &Stream::onState, this);
+    pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
+    pa_buffer_attr attr{};
+    attr.maxlength = static_cast<std::uint32_t>(-1);
+    attr.tlength = kTargetLatencyBytes;
+    attr.prebuf = static_cast<std::uint32_t>(-1);
+    attr.minreq = static_cast<std::uint32_t>(-1);
+    attr.fragsize = static_cast<std::uint32_t>(-1);
+    const auto flags = static_cast<pa_stream_flags_t>(
+        PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
+    // No volume is passed: the stream plays at whatever the user has set.
+    if (pa_stream_connect_playback(stream_, nullptr, &attr, flags, nullptr, nullptr) < 0) {
+      return NIMBARA_AUDIO_ERR_STREAM;
+    }
+    for (;;) {
+      const pa_stream_state_t state = pa_stream_get_state(stream_);
+      if (state == PA_STREAM_READY) break;
+      if (!PA_STREAM_IS_GOOD(state) || !connection_.alive()) return NIMBARA_AUDIO_ERR_STREAM;
+      pa_threaded_mainloop_wait(connection_.loop());
+    }
+    // Keep the server's whole buffer and its start threshold covered, plus two
+    // buffers, so that the queue never starves the stream.
+    const pa_buffer_attr* actual = pa_stream_get_buffer_attr(stream_);
+    lead_ = std::max(actual->tlength, actual->prebuf) + 2 * 2940;
+    timer_ = pa_context_rttime_new(connection_.context(), pa_rtclock_now() + kPumpPeriodUsec,
+                                   &Stream::onTimer, this);
+    return NIMBARA_AUDIO_OK;
+  }
+
+  void play(const std::int16_t* samples, std::size_t frames,
+            const std::atomic<bool>& stop) override {
+    const std::size_t bytes = frames * kBytesPerFrame;
+    if (!dead()) {
+      while (ring_.space() < bytes && !dead() && !stop.load(std::memory_order_acquire)) pause();
+      if (ring_.space() >= bytes) ring_.push(reinterpret_cast<const std::uint8_t*>(samples), bytes);
+      handed_ += bytes;
+      // A server that stops playing without going away counts as lost too.
+      const auto giveUp = std::chrono::steady_clock::now() + kStallLimit;
+      while (handed_ > played_.load(std::memory_order_acquire) + lead_ && !dead() &&
+             !stop.load(std::memory_order_acquire)) {
+        if (std::chrono::steady_clock::now() > giveUp) lost_.store(true, std::memory_order_release);
+        pause();
+      }
+    }
+    if (dead()) playWithoutOutput(frames, stop);
+  }
+
+  void close() override {
+    if (closed_) return;
+    closed_ = true;
+    if (connection_.loop() == nullptr) return;
+    Connection::Lock lock(connection_.loop());
+    if (timer_ != nullptr) {
+      pa_threaded_mainloop_get_api(connection_.loop())->time_free(timer_);
+      timer_ = nullptr;
+    }
+    if (stream_ == nullptr) return;
+    if (!dead()) {
+      // Let the tail that was handed over play out before the stream goes.
+      pump();
+      connection_.await(pa_stream_drain(stream_, &Stream::onDrained, this));
+    }
+    pa_stream_set_state_callback(stream_, nullptr, nullptr);
+    pa_stream_set_write_callback(stream_, nullptr, nullptr);
+    pa_stream_disconnect(stream_);
+    pa_stream_unref(stream_);
+    stream_ = nullptr;
+  }
+
+ private:
+  static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+  bool dead() const { return lost_.load(std::memory_order_acquire) || !connection_.alive(); }
+
+  // The server is gone: the buffers still take their time, and go nowhere.
+  void playWithoutOutput(std::size_t frames, const std::atomic<bool>& stop) {
+    if (!reported_) {
+      reported_ = true;
+      NIMBARA_LOG(" [ERROR] audio output lost, playing on without sound");
+    }
+    const auto due = std::chrono::steady_clock::now() +
+                     std::chrono::duration<double>(frames / kFramesPerSecond);
+    while (std::chrono::steady_clock::now() < due && !stop.load(std::memory_order_acquire)) pause();
+  }
+
+  // On the main loop's thread: move what the ring holds into the server and
+  // publish how far playback has got.
+  void pump() {
+    if (stream_ == nullptr || pa_stream_get_state(stream_) != PA_STREAM_READY) return;
+    std::size_t writable = pa_stream_writable_size(stream_);
+    while (writable > 0) {
+      const std::uint8_t* bytes = nullptr;
+      const std::size_t n = ring_.peek(&bytes, writable);
+      if (n == 0) break;
+      if (pa_stream_write(stream_, bytes, n, nullptr, 0, PA_SEEK_RELATIVE) < 0) break;
+      ring_.consume(n);
+      writable -= n;
+    }
+    pa_usec_t usec = 0;
+    if (pa_stream_get_time(stream_, &usec) == 0) {
+      const auto bytes = static_cast<std::size_t>(usec * kFramesPerSecond / 1e6) * kBytesPerFrame;
+      if (bytes > played_.load(std::memory_order_relaxed)) {
+        played_.store(bytes, std::memory_order_release);
+      }
+    }
+  }
+
+  static void onState(pa_stream* stream, void* self) {
+    auto* s = static_cast<Stream*>(self);
+    if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
+      s->lost_.store(true, std::memory_order_release);
+    }
+    s->connection_.signal();
+  }
+
+  static void onWritable(pa_stream*, std::size_t, void* self) { static_cast<Stream*>(self)->pump(); }
+
+  static void onTimer(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* self) {
+    static_cast<Stream*>(self)->pump();
+    (void)api;
+    pa_context_rttime_restart(static_cast<Stream*>(self)->connection_.context(), event,
+                              pa_rtclock_now() + kPumpPeriodUsec);
+  }
+
+  static void onDrained(pa_stream*, int, void* self) { static_cast<Stream*>(self)->connection_.signal(); }
+
+  Connection connection_;
+  pa_stream* stream_ = nullptr;
+  pa_time_event* timer_ = nullptr;
+  ByteRing ring_;
+  std::size_t handed_ = 0;  // queue thread only
+  std::size_t lead_ = 0;
+  std::atomic<std::size_t> played_{0};
+  std::atomic<bool> lost_{false};
+  bool reported_ = false;
+  bool closed_ = false;
+};
+
+PulseDevice::PulseDevice(std::string server) : server_(std::move(server)) {}
+
+std::int32_t PulseDevice::openStream(const NimbaraStreamFormat&,
+                                     std::unique_ptr<OutputStream>* stream) {
+  auto opened = std::make_unique<Stream>();
+  if (const std::int32_t status = opened->open(server_)) return status;
+  *stream = std::move(opened);
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::routeName(std::string* name) {
+  SinkFacts facts;
+  if (const std::int32_t status = readDefaultSink(server_, &facts)) return status;
+  *name = facts.route;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::outputLevel(OutputLevel* level) {
+  SinkFacts facts;
+  if (const std::int32_t status = readDefaultSink(server_, &facts)) return status;
+  *level = facts.level;
+  return NIMBARA_AUDIO_OK;
+}
+
+}  // namespace nimbara::platform

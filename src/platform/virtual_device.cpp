@@ -1,0 +1,170 @@
+#include <nimbara/platform/virtual_device.h>
+
+#include <chrono>
+#include <thread>
+
+namespace nimbara::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Appends within the capacity reserved up front: recording never allocates on
+// the audio thread; what does not fit is not kept.
+void append(std::vector<std::int16_t>& to, const std::int16_t* samples, std::size_t count) {
+  const std::size_t room = to.capacity() - to.size();
+  to.insert(to.end(), samples, samples + std::min(count, room));
+}
+
+}  // namespace
+
+class VirtualDevice::Stream : public OutputStream {
+ public:
+  Stream(VirtualDevice& device) : device_(device) {
+    if (device.options_.record) {
+      enqueued_.reserve(device.options_.recordLimitFrames * 2);
+      played_.reserve(device.options_.recordLimitFrames * 2);
+    }
+  }
+
+  void enqueued(const std::int16_t* samples, std::size_t frames) override {
+    append(enqueued_, samples, frames * 2);
+  }
+
+  void play(const std::int16_t* samples, std::size_t frames,
+            const std::atomic<bool>& stop) override {
+    const double scale = device_.options_.timeScale;
+    if (scale > 0) {
+      // The buffer is played once the device clock has passed its last frame.
+      if (framesPlayed_ == 0) started_ = Clock::now();
+      const auto due = started_ + std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(
+                                          (framesPlayed_ + frames) / 44100.0 * scale));
+      while (!stop.load(std::memory_order_acquire)) {
+        const auto now = Clock::now();
+        if (now >= due) break;
+        std::this_thread::sleep_for(std::min<Clock::duration>(due - now, std::chrono::milliseconds(2)));
+      }
+      if (stop.load(std::memory_order_acquire)) return;
+    }
+    framesPlayed_ += frames;
+    append(played_, samples, frames * 2);
+  }
+
+  void close() override { device_.keep(enqueued_, played_); }
+
+ private:
+  VirtualDevice& device_;
+  std::vector<std::int16_t> enqueued_;
+  std::vector<std::int16_t> played_;
+  std::size_t framesPlayed_ = 0;
+  Clock::time_point started_;
+};
+
+VirtualDevice::VirtualDevice() : VirtualDevice(Options{}) {}
+
+VirtualDevice::VirtualDevice(Options options)
+    : options_(std::move(options)), route_(options_.route) {}
+
+std::int32_t VirtualDevice::openStream(const NimbaraStreamFormat&,
+                                       std::unique_ptr<OutputStream>* stream) {
+  *stream = std::make_unique<Stream>(*this);
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t VirtualDevice::routeName(std::string* name) {
+  std::lock_guard lock(mutex_);
+  *name = route_;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t VirtualDevice::initializeSession() {
+  std::lock_guard lock(mutex_);
+  ++session_.initializeCalls;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t VirtualDevice::setCategoryPlayback() {
+  std::lock_guard lock(mutex_);
+  ++session_.categoryCalls;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t VirtualDevice::setActive(bool active) {
+  std::lock_guard lock(mutex_);
+  session_.active = active;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t VirtualDevice::setPreferredSampleRate(double rate) {
+  std::lock_guard lock(mutex_);
+  ++session_.preferredRateCalls;
+  session_.preferredRate = rate;
+  return NIMBARA_AUDIO_OK;
+}
+
+void VirtualDevice::sleep(double seconds) {
+  if (options_.timeScale > 0) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds * options_.timeScale));
+  } else {
+    std::this_thread::yield();
+  }
+}
+
+std::int32_t VirtualDevice::injectedFault(Call call, unsigned occurrence) {
+  const Fault& fault = faults_[static_cast<std::size_t>(call)];
+  const std::int32_t status = fault.status.load(std::memory_order_acquire);
+  return status != 0 && fault.occurrence.load(std::memory_order_acquire) == occurrence ? status : 0;
+}
+
+bool VirtualDevice::returnsBuffersAfterDispose() const {
+  return returnsBuffers_.load(std::memory_order_acquire);
+}
+
+void VirtualDevice::setRoute(std::string route) {
+  std::lock_guard lock(mutex_);
+  route_ = std::move(route);
+}
+
+void VirtualDevice::failCall(Call call, std::int32_t status, unsigned occurrence) {
+  Fault& fault = faults_[static_cast<std::size_t>(call)];
+  fault.occurrence.store(occurrence, std::memory_order_release);
+  fault.status.store(status, std::memory_order_release);
+}
+
+void VirtualDevice::clearFaults() {
+  for (Fault& fault : faults_) fault.status.store(0, std::memory_order_release);
+}
+
+void VirtualDevice::setReturnsBuffersAfterDispose(bool returns) {
+  returnsBuffers_.store(returns, std::memory_order_release);
+}
+
+void VirtualDevice::keep(const std::vector<std::int16_t>& enqueued,
+                         const std::vector<std::int16_t>& played) {
+  std::lock_guard lock(mutex_);
+  enqueued_.insert(enqueued_.end(), enqueued.begin(), enqueued.end());
+  played_.insert(played_.end(), played.begin(), played.end());
+}
+
+std::vector<std::int16_t> VirtualDevice::enqueuedSamples() const {
+  std::lock_guard lock(mutex_);
+  return enqueued_;
+}
+
+std::vector<std::int16_t> VirtualDevice::playedSamples() const {
+  std::lock_guard lock(mutex_);
+  return played_;
+}
+
+void VirtualDevice::clearRecordings() {
+  std::lock_guard lock(mutex_);
+  enqueued_.clear();
+  played_.clear();
+}
+
+VirtualDevice::Session VirtualDevice::session() const {
+  std::lock_guard lock(mutex_);
+  return session_;
+}
+
+}  // namespace nimbara::platform

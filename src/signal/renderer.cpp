@@ -1,0 +1,117 @@
+#include <nimbara/signal/renderer.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include "common/log.h"
+#include "signal/fixed_units.h"
+#include "signal/playback_internal.h"
+
+namespace {
+
+using nimbara::detail::waveNum00;
+using nimbara::detail::waveNum01;
+
+constexpr std::int16_t kHigh = 32767;
+
+void writeFrame(std::int16_t* out, std::uint32_t frame, std::int16_t value) {
+  out[2 * frame] = value;
+  out[2 * frame + 1] = value;
+}
+
+// The waveform of one bit; null when the fixed units are gone.
+const WaveTable* waveFor(std::uint8_t element) {
+  const WaveTable* wave = element != 0 ? waveNum00 : waveNum01;
+  return wave != nullptr && wave->samples != nullptr && wave->length > 0 ? wave : nullptr;
+}
+
+// Moves the cursor to the next node once the current unit is complete.
+void leaveNode(FrameNode*& node) {
+  node->bitIndex = 0;
+  node->sampleIndex = 0;
+  node = node->next;
+}
+
+}  // namespace
+
+// Renders `count` frames from the frame's cursor into `out`, run by run:
+// a sample unit gives one frame per element, a bit unit its whole waveform,
+// and once no node is left, silence.
+void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
+                                   std::uint32_t count) {
+  FrameNode* node = context->protocolFrame;
+  std::uint32_t i = 0;
+  while (i < count && node != nullptr) {
+    const ProtocolUnit* unit = node->protocol;
+    if (unit == nullptr) {  // a frame built without the fixed units
+      node = node->next;
+      continue;
+    }
+    const auto length = static_cast<std::uint32_t>(unit->length);
+    if (length == 0 || unit->data == nullptr) {
+      // An empty unit still yields one frame before the renderer moves on.
+      writeFrame(out, i++, unit->kind == NIMBARA_SAMPLE_UNIT ? 0 : kHigh);
+      leaveNode(node);
+      continue;
+    }
+    if (node->bitIndex >= length) {
+      leaveNode(node);
+      continue;
+    }
+    if (unit->kind == NIMBARA_SAMPLE_UNIT) {
+      const std::uint32_t n = std::min(length - node->bitIndex, count - i);
+      const std::uint8_t* element = unit->data + node->bitIndex;
+      for (std::uint32_t k = 0; k < n; ++k) {
+        writeFrame(out, i++, element[k] == 1 ? kHigh : static_cast<std::int16_t>(element[k]));
+      }
+      node->bitIndex += n;
+    } else {
+      const WaveTable* wave = waveFor(unit->data[node->bitIndex]);
+      const std::uint32_t waveLength = wave != nullptr ? wave->length : 0;
+      if (node->sampleIndex < waveLength) {
+        const std::uint32_t n = std::min(waveLength - node->sampleIndex, count - i);
+        const std::int16_t* sample = wave->samples + node->sampleIndex;
+        for (std::uint32_t k = 0; k < n; ++k) writeFrame(out, i++, sample[k]);
+        node->sampleIndex += n;
+      }
+      if (node->sampleIndex >= waveLength) {
+        node->sampleIndex = 0;
+        ++node->bitIndex;
+      }
+    }
+    if (node->bitIndex >= length) leaveNode(node);
+  }
+  context->protocolFrame = node;
+  if (i < count) std::memset(out + 2 * i, 0, (count - i) * 4u);
+}
+
+void AQOutputCallback(void* userData, NimbaraAudioQueueRef queue, NimbaraAudioBufferRef buffer) {
+  auto* context = static_cast<PlaybackContext*>(userData);
+  if (context == nullptr || buffer == nullptr) return;
+  const auto* audio = static_cast<const std::int16_t*>(buffer->audioData);
+  const int firstSample = audio != nullptr && buffer->audioDataBytesCapacity >= 2 ? audio[0] : 0;
+  auto played = nimbara::detail::playedFramesOf(context);
+  NIMBARA_LOG("AQOutputCallback %ld / %ld, data=%d, disposedCount=%d",
+              static_cast<long>(played.load(std::memory_order_relaxed)),
+              static_cast<long>(context->targetFrames), firstSample, context->disposedCount);
+  if (played.load(std::memory_order_relaxed) >= context->targetFrames) {
+    nimbara::detail::endOfPlayback(context);
+    return;
+  }
+  if (context->framesPerBuffer == 0) {
+    NIMBARA_LOG(" dispose return[3]");
+    return;
+  }
+  // Whole buffers only; a buffer smaller than asked for is filled as far as it goes.
+  const std::uint32_t frames =
+      audio != nullptr ? std::min(context->framesPerBuffer, buffer->audioDataBytesCapacity / 4) : 0;
+  buffer->audioDataByteSize = frames * 4;
+  nimbara::detail::renderBuffer(context, static_cast<std::int16_t*>(buffer->audioData), frames);
+  played.fetch_add(frames, std::memory_order_release);
+  const std::int32_t status = nimbaraAudioQueueEnqueueBuffer(queue, buffer);
+  if (status != 0) {
+    NIMBARA_LOG(" [ERROR] Play AudioQueueEnqueueBuffer err=%ld", static_cast<long>(status));
+    NIMBARA_LOG(" dispose return[2]");
+  }
+}
