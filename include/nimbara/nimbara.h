@@ -6,6 +6,7 @@
 #include <nimbara/export.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/frame/frame.h>
+#include <nimbara/device/route.h>
 #include <nimbara/frame/protocol_unit.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/signal/playback.h>

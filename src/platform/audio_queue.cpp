@@ -5,12 +5,15 @@
 
 #include <nimbara/platform/backend.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "common/bounded_queue.h"
 #include "common/log.h"
@@ -66,6 +69,47 @@ namespace {
 
 std::atomic<std::size_t> runningQueues{0};
 
+// Queue threads are joined once they have finished, by the next start or by
+// waitUntilIdle, so that no thread outlives its accounting.
+struct ThreadRegistry {
+  std::mutex mutex;
+  std::vector<std::thread> live;
+  std::vector<std::thread::id> finished;
+
+  static ThreadRegistry& instance() {
+    static ThreadRegistry* registry = new ThreadRegistry;  // threads may outlive statics
+    return *registry;
+  }
+
+  void add(std::thread thread) {
+    std::lock_guard lock(mutex);
+    live.push_back(std::move(thread));
+  }
+
+  void markFinished() {
+    std::lock_guard lock(mutex);
+    finished.push_back(std::this_thread::get_id());
+  }
+
+  void reap() {
+    std::vector<std::thread> done;
+    {
+      std::lock_guard lock(mutex);
+      // A thread may finish before its starter has registered it: such an id
+      // stays until the next reap.
+      std::erase_if(finished, [&](std::thread::id id) {
+        auto it = std::find_if(live.begin(), live.end(),
+                               [id](const std::thread& t) { return t.get_id() == id; });
+        if (it == live.end()) return false;
+        done.push_back(std::move(*it));
+        live.erase(it);
+        return true;
+      });
+    }
+    for (std::thread& thread : done) thread.join();
+  }
+};
+
 bool isPlayableFormat(const NimbaraStreamFormat& f) {
   return f.sampleRate == 44100.0 && f.formatID == NIMBARA_FORMAT_LINEAR_PCM &&
          (f.formatFlags & NIMBARA_FORMAT_FLAG_SIGNED_INTEGER) != 0 && f.bytesPerPacket == 4 &&
@@ -104,6 +148,7 @@ void runQueue(NimbaraAudioQueue* q) {
   }
   q->stream->close();
   q->dropRef();
+  ThreadRegistry::instance().markFinished();
   runningQueues.fetch_sub(1, std::memory_order_acq_rel);
   runningQueues.notify_all();
 }
@@ -208,8 +253,9 @@ int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
   if (queue->started.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_BUSY;
   queue->refs.fetch_add(1, std::memory_order_relaxed);
   runningQueues.fetch_add(1, std::memory_order_acq_rel);
+  ThreadRegistry::instance().reap();
   try {
-    std::thread(runQueue, queue).detach();
+    ThreadRegistry::instance().add(std::thread(runQueue, queue));
   } catch (const std::system_error&) {
     runningQueues.fetch_sub(1, std::memory_order_acq_rel);
     queue->started.store(false, std::memory_order_release);
@@ -243,6 +289,7 @@ void waitUntilIdle() {
   for (std::size_t n = activeQueues(); n != 0; n = activeQueues()) {
     runningQueues.wait(n, std::memory_order_acquire);
   }
+  ThreadRegistry::instance().reap();
 }
 
 }  // namespace nimbara::platform

@@ -1,0 +1,25 @@
+/* Presence of the device, judged from the current audio route: something
+ * named like a headset or headphones is plugged in. */
+#ifndef NIMBARA_DEVICE_ROUTE_H
+#define NIMBARA_DEVICE_ROUTE_H
+
+#include <stdbool.h>
+
+#include <nimbara/export.h>
+
+NIMBARA_BEGIN_C
+
+/* True when the route name contains "HeadsetInOut" or "Headphone" (case
+ * matters); false when the route cannot be read. */
+NIMBARA_API bool isHeadsetPluggedIn(void);
+
+/* Logs "checkDevice() -> Judge HeadsetPlugged." and asks isHeadsetPluggedIn. */
+NIMBARA_API bool checkDeviceForInternal(void);
+
+/* The place of a presence test by the microphone, which is not performed:
+ * always false. */
+NIMBARA_API bool checkDeviceByMicWaveForInternal(void);
+
+NIMBARA_END_C
+
+#endif
