@@ -1,0 +1,234 @@
+// Against the real PulseAudio server that the test script starts (its default
+// sink "Headphones", a second sink "Speaker"), and against private servers
+// that a test starts and kills itself.
+#include <nimbara/device/route.h>
+#include <nimbara/frame/commands.h>
+#include <nimbara/platform/pulse_device.h>
+#include <nimbara/signal/playback.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "support/expected_signal.h"
+#include "support/log_capture.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using nimbara::platform::PulseDevice;
+using nimbara::test::expectedFrameSignal;
+using nimbara::test::LogCapture;
+using nimbara::test::stereo;
+using nimbara::test::withParity;
+using Clock = std::chrono::steady_clock;
+
+#define REQUIRE_TEST_SERVER()                                                         \
+  if (std::getenv("NIMBARA_TEST_PULSE") == nullptr) {                                 \
+    GTEST_SKIP() << "no test PulseAudio server (scripts/test starts one)";            \
+  }
+
+// Polls `done` every 10 ms for up to `limit`.
+template <typename Done>
+bool eventually(Done done, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+  const auto until = Clock::now() + limit;
+  while (!done()) {
+    if (Clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+pid_t spawn(const std::vector<std::string>& args, const std::string& output = {}) {
+  std::vector<char*> argv;
+  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (!output.empty()) {
+    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  }
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+void stop(pid_t pid, int sig = SIGTERM) {
+  if (pid <= 0) return;
+  kill(pid, sig);
+  waitpid(pid, nullptr, 0);
+}
+
+std::vector<std::int16_t> readSamples(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<std::int16_t> samples(bytes.size() / 2);
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    samples[i] = static_cast<std::int16_t>(static_cast<std::uint8_t>(bytes[2 * i]) |
+                                           (static_cast<std::uint8_t>(bytes[2 * i + 1]) << 8));
+  }
+  return samples;
+}
+
+struct TempDir {
+  fs::path path;
+  TempDir() {
+    char name[] = "/tmp/nimbara-test.XXXXXX";
+    path = mkdtemp(name);
+  }
+  ~TempDir() { fs::remove_all(path); }
+};
+
+// A sink's monitor, recorded by parec into a file.
+class MonitorRecording {
+ public:
+  MonitorRecording(const std::string& source, const fs::path& file) : file_(file) {
+    pid_ = spawn({"parec", "-d", source, "--raw", "--format=s16le", "--rate=44100", "--channels=2",
+                  "--latency-msec=20"},
+                 file.string());
+  }
+  ~MonitorRecording() { stop(pid_); }
+  bool started() {
+    return eventually([&] { return fs::exists(file_) && fs::file_size(file_) > 0; });
+  }
+  // Waits until the recording holds `expected` somewhere.
+  bool contains(const std::vector<std::int16_t>& expected) {
+    return eventually([&] {
+      const auto samples = readSamples(file_);
+      return std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) !=
+             samples.end();
+    });
+  }
+
+ private:
+  fs::path file_;
+  pid_t pid_;
+};
+
+class PulseTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    nimbara::platform::waitUntilIdle();
+    nimbara::platform::setBackend(nullptr);
+  }
+};
+
+TEST_F(PulseTest, AHeadphoneSinkIsTheRouteAndASpeakerIsNot) {
+  REQUIRE_TEST_SERVER();
+  auto device = std::make_shared<PulseDevice>();
+  nimbara::platform::setBackend(device);
+  std::string route;
+  ASSERT_EQ(device->routeName(&route), 0);
+  EXPECT_EQ(route, "Headphones");
+  EXPECT_TRUE(isHeadsetPluggedIn());
+  ASSERT_EQ(std::system("pactl set-default-sink speaker"), 0);
+  EXPECT_FALSE(isHeadsetPluggedIn());
+  ASSERT_EQ(std::system("pactl set-default-sink headphones"), 0);
+  EXPECT_TRUE(checkDeviceForInternal());
+  PulseDevice::OutputLevel level;
+  ASSERT_EQ(device->outputLevel(&level), 0);
+  EXPECT_DOUBLE_EQ(level.volumePercent, 100.0);
+  EXPECT_FALSE(level.muted);
+}
+
+TEST_F(PulseTest, ATransmissionReachesTheSinkBitForBit) {
+  REQUIRE_TEST_SERVER();
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>());
+  TempDir dir;
+  MonitorRecording recording("headphones.monitor", dir.path / "monitor.raw");
+  ASSERT_TRUE(recording.started());
+  FrameNode* frame = createSprayWithLightLedGetTankIdProtocol(255, 0, 128, 1, 500);
+  ASSERT_EQ(executeFunction(frame, 2, 35280, nullptr), 0);
+  nimbara::platform::waitUntilIdle();
+  const auto expected = stereo(expectedFrameSignal(withParity(
+      "00000101" "11111111" "00000000" "10000000" "00000001" "0000000111110100")));
+  EXPECT_TRUE(recording.contains(expected));
+}
+
+TEST_F(PulseTest, NoServerGivesAStatus) {
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>("unix:/nonexistent/nimbara"));
+  LogCapture log;
+  EXPECT_EQ(executeFunction(createAcquireProtocol(), 1, 17640, nullptr),
+            NIMBARA_AUDIO_ERR_NO_SERVER);
+  EXPECT_THAT(log.take(), ::testing::Contains("#newOutput err=-1"));
+  EXPECT_FALSE(isHeadsetPluggedIn());
+}
+
+// A server of the test's own, to be killed.
+class PrivateServer {
+ public:
+  PrivateServer() {
+    const fs::path run = dir_.path / "run";
+    fs::create_directories(run);
+    fs::permissions(run, fs::perms::owner_all);
+    socket_ = (dir_.path / "native").string();
+    std::ofstream(dir_.path / "server.pa")
+        << "load-module module-native-protocol-unix socket=" << socket_ << " auth-anonymous=1\n"
+        << "load-module module-null-sink sink_name=headphones "
+           "sink_properties=device.description=Headphones rate=44100 format=s16le channels=2\n";
+    const std::string home = "HOME=" + dir_.path.string();
+    const std::string runtime = "XDG_RUNTIME_DIR=" + run.string();
+    pid_ = spawn({"env", home, runtime, "pulseaudio", "--daemonize=no", "-n", "-F",
+                  (dir_.path / "server.pa").string(), "--exit-idle-time=-1", "--disallow-exit",
+                  "--use-pid-file=no"});
+  }
+  ~PrivateServer() { stop(pid_, SIGKILL); }
+
+  std::string server() const { return "unix:" + socket_; }
+  bool ready() {
+    PulseDevice device(server());
+    std::string route;
+    return eventually([&] { return device.routeName(&route) == 0; });
+  }
+  void kill() {
+    stop(pid_, SIGKILL);
+    pid_ = -1;
+  }
+
+ private:
+  TempDir dir_;
+  std::string socket_;
+  pid_t pid_ = -1;
+};
+
+TEST_F(PulseTest, AServerKilledMidwayDoesNotHangTheCaller) {
+  REQUIRE_TEST_SERVER();
+  PrivateServer server;
+  ASSERT_TRUE(server.ready());
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>(server.server()));
+  LogCapture log;
+  auto call = std::async(std::launch::async, [] {
+    return executeFunction(createEchoProtocol(7), 3, 35280, nullptr);
+  });
+  ASSERT_TRUE(eventually([&] {
+    const auto lines = log.lines();
+    return std::find(lines.begin(), lines.end(), "#play wait before.") != lines.end();
+  }));
+  server.kill();
+  ASSERT_EQ(call.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(call.get(), 0);
+  nimbara::platform::waitUntilIdle();
+  const auto lines = log.take();
+  EXPECT_THAT(lines, ::testing::Contains(" [ERROR] audio output lost, playing on without sound"));
+  EXPECT_THAT(lines, ::testing::Contains(" -> free(aqc);"));
+  EXPECT_EQ(executeFunction(createEchoProtocol(7), 3, 35280, nullptr), NIMBARA_AUDIO_ERR_NO_SERVER);
+}
+
+}  // namespace
