@@ -16,8 +16,12 @@ void buildAndFree(benchmark::State& state, Build build) {
   }
 }
 
-void BM_Acquire(benchmark::State& s) { buildAndFree(s, [] { return createAcquireProtocol(); }); }
-void BM_GetTankId(benchmark::State& s) { buildAndFree(s, [] { return createGetTankIdProtocol(); }); }
+void BM_Acquire(benchmark::State& s) {
+  buildAndFree(s, [] { return createAcquireProtocol(); });
+}
+void BM_GetTankId(benchmark::State& s) {
+  buildAndFree(s, [] { return createGetTankIdProtocol(); });
+}
 void BM_LightLed(benchmark::State& s) {
   buildAndFree(s, [] { return createLightLedProtocol(255, 128, 0, 1, 500); });
 }
@@ -27,8 +31,12 @@ void BM_SprayWithLightLed(benchmark::State& s) {
 void BM_SprayWithLightLedGetTankId(benchmark::State& s) {
   buildAndFree(s, [] { return createSprayWithLightLedGetTankIdProtocol(255, 128, 0, 1, 500); });
 }
-void BM_Spray(benchmark::State& s) { buildAndFree(s, [] { return createSprayProtocol(500); }); }
-void BM_Echo(benchmark::State& s) { buildAndFree(s, [] { return createEchoProtocol(12345); }); }
+void BM_Spray(benchmark::State& s) {
+  buildAndFree(s, [] { return createSprayProtocol(500); });
+}
+void BM_Echo(benchmark::State& s) {
+  buildAndFree(s, [] { return createEchoProtocol(12345); });
+}
 
 BENCHMARK(BM_Acquire);
 BENCHMARK(BM_GetTankId);

@@ -39,9 +39,9 @@ TEST_F(FrameTest, ElevenNodesWithFixedUnitsAroundTheSharedPayload) {
   auto nodes = nodesOf(frame);
   ASSERT_EQ(nodes.size(), 11u);
   const std::vector<ProtocolUnit*> expectedUnits = {
-      fixed::wakeUp,        fixed::noSound,  command, fixed::data0x00, fixed::checkOneBit,
-      fixed::stopBits,      fixed::noSound,  command, fixed::data0x00, fixed::checkOneBit,
-      fixed::stopBits};
+      fixed::wakeUp,      fixed::noSound,     command,        fixed::data0x00,
+      fixed::checkOneBit, fixed::stopBits,    fixed::noSound, command,
+      fixed::data0x00,    fixed::checkOneBit, fixed::stopBits};
   const std::vector<int> expectedOwned = {1, 1, 1, 1, 1, 1, 1, 0, 0, 1, 1};
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     EXPECT_EQ(nodes[i]->protocol, expectedUnits[i]) << "node " << i + 1;
@@ -79,7 +79,8 @@ TEST_F(FrameTest, ParityMakesTheOnesOfEachRepetitionEven) {
 
 TEST_F(FrameTest, ReleaseFreesOwnedUnitsOnceInSendingOrder) {
   LogCapture log;
-  freeProtocolFrame(buildProtocol(create8bitProtocolUnit(2), createLightLedParamProtocolUnit(1, 2, 3, 4, 5)));
+  freeProtocolFrame(
+      buildProtocol(create8bitProtocolUnit(2), createLightLedParamProtocolUnit(1, 2, 3, 4, 5)));
   freeProtocolFrame(buildProtocol(create8bitProtocolUnit(2), create16bitProtocolUnit(7)));
   freeProtocolFrame(buildProtocol(create8bitProtocolUnit(3), fixed::data0x00));
   freeProtocolFrame(nullptr);
@@ -102,18 +103,33 @@ TEST_F(FrameTest, CommandCatalogueOpcodesAndParameters) {
     std::string payload;  // command + parameter, parity appended by withParity
   };
   const Case cases[] = {
-      {createAcquireProtocol(), "00000001" "00000000"},
-      {createGetTankIdProtocol(), "00000011" "00000000"},
+      {createAcquireProtocol(),
+       "00000001"
+       "00000000"},
+      {createGetTankIdProtocol(),
+       "00000011"
+       "00000000"},
       {createEchoProtocol(1), "11111111" + std::string(31, '0') + "1"},
       {createEchoProtocol(0), "11111111" + std::string(32, '0')},
-      {createSprayProtocol(500), "00000010" "0000000111110100"},
+      {createSprayProtocol(500),
+       "00000010"
+       "0000000111110100"},
       {createSprayProtocol(-1), "00000010" + std::string(16, '1')},
       {createLightLedProtocol(255, 0, 0, 0, 1000),
-       "00000100" "11111111" + std::string(24, '0') + "0000001111101000"},
+       "00000100"
+       "11111111" +
+           std::string(24, '0') + "0000001111101000"},
       {createSprayWithLightLedProtocol(255, 0, 0, 0, 1000),
-       "00000010" "11111111" + std::string(24, '0') + "0000001111101000"},
+       "00000010"
+       "11111111" +
+           std::string(24, '0') + "0000001111101000"},
       {createSprayWithLightLedGetTankIdProtocol(1, 2, 3, 4, -5),
-       "00000101" "00000001" "00000010" "00000011" "00000100" "1111111111111011"},
+       "00000101"
+       "00000001"
+       "00000010"
+       "00000011"
+       "00000100"
+       "1111111111111011"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(payloadOf(c.frame), nimbara::test::withParity(c.payload));
@@ -127,16 +143,17 @@ TEST_F(FrameTest, BuildersLogTheirLineAndTheFirstFrameBuildsTheFixedUnits) {
   FrameNode* first = createSprayProtocol(-1);
   FrameNode* second = createEchoProtocol(7);
   FrameNode* third = createAcquireProtocol();
-  EXPECT_THAT(log.take(), ElementsAre("createSprayProtocol time[ms]=-1", "waveNum0", "waveNum1",
-                                      "build protocol.", "build protocol -> finished.",
-                                      "createEchoProtocol", "build protocol.",
-                                      "build protocol -> finished.", "createAcquireProtocol",
-                                      "build protocol.", "build protocol -> finished."));
+  EXPECT_THAT(log.take(),
+              ElementsAre("createSprayProtocol time[ms]=-1", "waveNum0", "waveNum1",
+                          "build protocol.", "build protocol -> finished.", "createEchoProtocol",
+                          "build protocol.", "build protocol -> finished.", "createAcquireProtocol",
+                          "build protocol.", "build protocol -> finished."));
   for (FrameNode* frame : {first, second, third}) freeProtocolFrame(frame);
   // Releasing an acquire frame frees its command only, never data0x00.
-  EXPECT_THAT(log.take(), ElementsAre("#freeProtocolFrame", " name=DXX -> free", " name=DXX -> free",
-                                      "#freeProtocolFrame", " name=DXX -> free", " name=DXX -> free",
-                                      "#freeProtocolFrame", " name=DXX -> free"));
+  EXPECT_THAT(log.take(),
+              ElementsAre("#freeProtocolFrame", " name=DXX -> free", " name=DXX -> free",
+                          "#freeProtocolFrame", " name=DXX -> free", " name=DXX -> free",
+                          "#freeProtocolFrame", " name=DXX -> free"));
   const char* otherBuilders[] = {"createGetTankIdProtocol", "createLightLedProtocol",
                                  "createSprayWithLightLedProtocol",
                                  "createSprayWithLightLedGetTankIdProtocol"};

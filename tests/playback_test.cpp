@@ -1,6 +1,6 @@
 #include <nimbara/frame/commands.h>
-#include <nimbara/platform/audio_queue.h>
 #include <nimbara/log.h>
+#include <nimbara/platform/audio_queue.h>
 #include <nimbara/signal/playback.h>
 #include <nimbara/signal/signal_units.h>
 
@@ -95,13 +95,13 @@ TEST(Playback, OneTransmissionLogsEveryStepAndReleasesEverything) {
   for (std::uint32_t k = 1; k <= 9; ++k) {
     audio.push_back(entry((k + 2) * 735, target, signal[(k - 1) * 735], 0));
   }
-  audio.insert(audio.end(), {entry(target, target, signal[9 * 735], 0),
-                             " -> AudioQueueDispose(aqc->queue, true);", "#freeProtocolFrame",
-                             " name=DXX -> free", " dispose return[1] aqc->disposedCount=1",
-                             entry(target, target, signal[10 * 735], 1),
-                             " dispose return[1] aqc->disposedCount=2",
-                             entry(target, target, signal[11 * 735], 2),
-                             " dispose return[1] aqc->disposedCount=3", " -> free(aqc);"});
+  audio.insert(
+      audio.end(),
+      {entry(target, target, signal[9 * 735], 0), " -> AudioQueueDispose(aqc->queue, true);",
+       "#freeProtocolFrame", " name=DXX -> free", " dispose return[1] aqc->disposedCount=1",
+       entry(target, target, signal[10 * 735], 1), " dispose return[1] aqc->disposedCount=2",
+       entry(target, target, signal[11 * 735], 2), " dispose return[1] aqc->disposedCount=3",
+       " -> free(aqc);"});
   EXPECT_THAT(lines.audio, ElementsAreArray(audio));
 }
 
@@ -123,10 +123,10 @@ TEST(Playback, SmallTargetsEndDuringPriming) {
   };
   // The end comes in the first, second or third priming call; the next
   // platform call then meets a disposed queue.
-  const Case cases[] = {{0, NIMBARA_AUDIO_ERR_DISPOSED, 1}, {1, NIMBARA_AUDIO_ERR_DISPOSED, 1},
-                        {2, NIMBARA_AUDIO_ERR_DISPOSED, 2}, {1470, NIMBARA_AUDIO_ERR_DISPOSED, 2},
-                        {1472, NIMBARA_AUDIO_ERR_DISPOSED, 3},
-                        {2940, NIMBARA_AUDIO_ERR_DISPOSED, 3}};
+  const Case cases[] = {
+      {0, NIMBARA_AUDIO_ERR_DISPOSED, 1},    {1, NIMBARA_AUDIO_ERR_DISPOSED, 1},
+      {2, NIMBARA_AUDIO_ERR_DISPOSED, 2},    {1470, NIMBARA_AUDIO_ERR_DISPOSED, 2},
+      {1472, NIMBARA_AUDIO_ERR_DISPOSED, 3}, {2940, NIMBARA_AUDIO_ERR_DISPOSED, 3}};
   for (const Case& c : cases) {
     VirtualOutput output;
     LogCapture log;
@@ -134,9 +134,10 @@ TEST(Playback, SmallTargetsEndDuringPriming) {
         << c.sampleLen;
     nimbara::platform::waitUntilIdle();
     const auto lines = log.take();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string& l) { return l.rfind("AQOutputCallback", 0) == 0; }),
-              c.entries)
+    EXPECT_EQ(
+        std::count_if(lines.begin(), lines.end(),
+                      [](const std::string& l) { return l.rfind("AQOutputCallback", 0) == 0; }),
+        c.entries)
         << c.sampleLen;
     EXPECT_EQ(lines.back(), " dispose return[1] aqc->disposedCount=1") << c.sampleLen;
     EXPECT_TRUE(output->playedSamples().empty());
@@ -207,8 +208,10 @@ TEST(Playback, AnEnqueueFailingMidwayLeavesTwoBuffersToFinish) {
 TEST(Playback, TwoThreadsPlayAtOnceEachOnItsOwnQueue) {
   VirtualOutput output;
   std::int32_t statuses[2] = {-1, -1};
-  std::thread first([&] { statuses[0] = executeFunction(createAcquireProtocol(), 1, 17640, nullptr); });
-  std::thread second([&] { statuses[1] = executeFunction(createEchoProtocol(9), 3, 17640, nullptr); });
+  std::thread first(
+      [&] { statuses[0] = executeFunction(createAcquireProtocol(), 1, 17640, nullptr); });
+  std::thread second(
+      [&] { statuses[1] = executeFunction(createEchoProtocol(9), 3, 17640, nullptr); });
   first.join();
   second.join();
   nimbara::platform::waitUntilIdle();
@@ -253,7 +256,8 @@ TEST(Playback, AThousandTransmissionsLeaveNoThreadsOrDescriptorsBehind) {
   const std::size_t fds = openFileDescriptors();
   const std::size_t threads = threadCount();
   for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(executeFunction(createEchoProtocol(static_cast<std::uint32_t>(i)), 3, 35280, nullptr), 0);
+    ASSERT_EQ(executeFunction(createEchoProtocol(static_cast<std::uint32_t>(i)), 3, 35280, nullptr),
+              0);
   }
   nimbara::platform::waitUntilIdle();
   EXPECT_EQ(nimbara::platform::activeQueues(), 0u);

@@ -35,18 +35,27 @@ TEST(ProtocolUnit, IntegerUnitsAreMostSignificantBitFirst) {
 
 TEST(ProtocolUnit, LedParameterLaysOutColoursSpecialAndSignedTime) {
   Unit led(createLightLedParamProtocolUnit(255, 0, 128, 0, 100));
-  EXPECT_EQ(bitsOf(led.get()), "11111111" "00000000" "10000000" "00000000" "00000000" "01100100");
+  EXPECT_EQ(bitsOf(led.get()),
+            "11111111"
+            "00000000"
+            "10000000"
+            "00000000"
+            "00000000"
+            "01100100");
   EXPECT_STREQ(led->name, "LED");
   EXPECT_EQ(led->length, 48);
 
   Unit negative(createLightLedParamProtocolUnit(0, 0, 0, 7, -2));
-  EXPECT_EQ(bitsOf(negative.get()).substr(24), "00000111" "11111111" "11111110");
+  EXPECT_EQ(bitsOf(negative.get()).substr(24),
+            "00000111"
+            "11111111"
+            "11111110");
 }
 
 TEST(ProtocolUnit, EveryConstructedUnitIsAFreshNamedBitUnit) {
-  for (ProtocolUnit* raw : {create8bitProtocolUnit(1), create16bitProtocolUnit(2),
-                            create32bitProtocolUnit(3),
-                            createLightLedParamProtocolUnit(1, 2, 3, 4, 5)}) {
+  for (ProtocolUnit* raw :
+       {create8bitProtocolUnit(1), create16bitProtocolUnit(2), create32bitProtocolUnit(3),
+        createLightLedParamProtocolUnit(1, 2, 3, 4, 5)}) {
     Unit unit(raw);
     EXPECT_EQ(unit->kind, 0u);
     EXPECT_EQ(unit->isStatic, 0);

@@ -38,9 +38,9 @@ using nimbara::test::stereo;
 using nimbara::test::withParity;
 using Clock = std::chrono::steady_clock;
 
-#define REQUIRE_TEST_SERVER()                                                         \
-  if (std::getenv("NIMBARA_TEST_PULSE") == nullptr) {                                 \
-    GTEST_SKIP() << "no test PulseAudio server (scripts/test starts one)";            \
+#define REQUIRE_TEST_SERVER()                                              \
+  if (std::getenv("NIMBARA_TEST_PULSE") == nullptr) {                      \
+    GTEST_SKIP() << "no test PulseAudio server (scripts/test starts one)"; \
   }
 
 // Polls `done` every 10 ms for up to `limit`.
@@ -61,7 +61,8 @@ pid_t spawn(const std::vector<std::string>& args, const std::string& output = {}
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (!output.empty()) {
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0644);
   }
   posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
@@ -157,8 +158,13 @@ TEST_F(PulseTest, ATransmissionReachesTheSinkBitForBit) {
   FrameNode* frame = createSprayWithLightLedGetTankIdProtocol(255, 0, 128, 1, 500);
   ASSERT_EQ(executeFunction(frame, 2, 35280, nullptr), 0);
   nimbara::platform::waitUntilIdle();
-  const auto expected = stereo(expectedFrameSignal(withParity(
-      "00000101" "11111111" "00000000" "10000000" "00000001" "0000000111110100")));
+  const auto expected =
+      stereo(expectedFrameSignal(withParity("00000101"
+                                            "11111111"
+                                            "00000000"
+                                            "10000000"
+                                            "00000001"
+                                            "0000000111110100")));
   EXPECT_TRUE(recording.contains(expected));
 }
 
@@ -214,9 +220,8 @@ TEST_F(PulseTest, AServerKilledMidwayDoesNotHangTheCaller) {
   ASSERT_TRUE(server.ready());
   nimbara::platform::setBackend(std::make_shared<PulseDevice>(server.server()));
   LogCapture log;
-  auto call = std::async(std::launch::async, [] {
-    return executeFunction(createEchoProtocol(7), 3, 35280, nullptr);
-  });
+  auto call = std::async(std::launch::async,
+                         [] { return executeFunction(createEchoProtocol(7), 3, 35280, nullptr); });
   ASSERT_TRUE(eventually([&] {
     const auto lines = log.lines();
     return std::find(lines.begin(), lines.end(), "#play wait before.") != lines.end();

@@ -65,8 +65,13 @@ std::vector<std::int16_t> padded(std::vector<std::int16_t> mono, std::size_t fra
 }
 
 TEST(Renderer, AFrameSoundsAsItsBitsWhateverTheBufferSize) {
-  const std::string payload = withParity("00000101" "11111111" "00000000" "10000000" "00000001"
-                                         "0000000111110100");
+  const std::string payload = withParity(
+      "00000101"
+      "11111111"
+      "00000000"
+      "10000000"
+      "00000001"
+      "0000000111110100");
   const auto signal = expectedFrameSignal(payload);
   for (std::uint32_t framesPerBuffer : {512u, 735u, 1000u, 4096u}) {
     const int buffers = static_cast<int>(signal.size() / framesPerBuffer) + 2;

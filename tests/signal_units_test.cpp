@@ -19,8 +19,8 @@ using ::testing::ElementsAre;
 namespace fixed = nimbara::detail;
 
 std::vector<const void*> allFixedPointers() {
-  return {fixed::waveNum00, fixed::waveNum01,    fixed::wakeUp,     fixed::noSound,
-          fixed::stopBits,  fixed::data0x00,     fixed::checkZeroBit, fixed::checkOneBit};
+  return {fixed::waveNum00, fixed::waveNum01, fixed::wakeUp,       fixed::noSound,
+          fixed::stopBits,  fixed::data0x00,  fixed::checkZeroBit, fixed::checkOneBit};
 }
 
 TEST(SignalUnits, WaveformsAreOneSquarePeriodWithCrossedNames) {
@@ -46,8 +46,8 @@ TEST(SignalUnits, FixedUnitsAreStaticWithTheirContent) {
     std::uint8_t fill;
   };
   const Expect expected[] = {
-      {fixed::wakeUp, "WAK", 1, 220, 1},   {fixed::noSound, "N00", 1, 441, 0},
-      {fixed::stopBits, "S01", 1, 5, 1},   {fixed::data0x00, "D00", 0, 8, 0},
+      {fixed::wakeUp, "WAK", 1, 220, 1},     {fixed::noSound, "N00", 1, 441, 0},
+      {fixed::stopBits, "S01", 1, 5, 1},     {fixed::data0x00, "D00", 0, 8, 0},
       {fixed::checkZeroBit, "CP0", 0, 1, 0}, {fixed::checkOneBit, "CP1", 0, 1, 1},
   };
   for (const Expect& e : expected) {

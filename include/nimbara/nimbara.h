@@ -3,20 +3,23 @@
 #ifndef NIMBARA_NIMBARA_H
 #define NIMBARA_NIMBARA_H
 
+#include <nimbara/device/reply_bits.h>
+#include <nimbara/device/route.h>
 #include <nimbara/export.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/frame/frame.h>
-#include <nimbara/device/route.h>
 #include <nimbara/frame/protocol_unit.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/signal/playback.h>
 #include <nimbara/signal/renderer.h>
 #include <nimbara/signal/signal_units.h>
+#include <nimbara/tank/base64.h>
 
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
+#include <nimbara/platform/pulse_device.h>
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/platform/wav_device.h>
-#include <nimbara/platform/pulse_device.h>
+#include <nimbara/tank/TankId.h>
 
 #endif

@@ -9,6 +9,7 @@
 
 #include <nimbara/log.h>
 
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -20,7 +21,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 namespace nimbara {
 namespace {
@@ -149,9 +149,15 @@ class LogPipe {
 
 }  // namespace
 
-void setLogSink(LogSink sink) { LogPipe::instance().setSink(std::move(sink)); }
-void flushLog() { LogPipe::instance().flush(); }
-unsigned long long droppedLogLines() { return LogPipe::instance().dropped(); }
+void setLogSink(LogSink sink) {
+  LogPipe::instance().setSink(std::move(sink));
+}
+void flushLog() {
+  LogPipe::instance().flush();
+}
+unsigned long long droppedLogLines() {
+  return LogPipe::instance().dropped();
+}
 
 namespace detail {
 
@@ -166,8 +172,12 @@ void log(const char* format, ...) {
   LogPipe::instance().write(line, len);
 }
 
-void markAudioThread() { tlsAudioThread = true; }
-bool isAudioThread() { return tlsAudioThread; }
+void markAudioThread() {
+  tlsAudioThread = true;
+}
+bool isAudioThread() {
+  return tlsAudioThread;
+}
 
 }  // namespace detail
 }  // namespace nimbara

@@ -19,4 +19,6 @@ bool checkDeviceForInternal(void) {
   return isHeadsetPluggedIn();
 }
 
-bool checkDeviceByMicWaveForInternal(void) { return false; }
+bool checkDeviceByMicWaveForInternal(void) {
+  return false;
+}

@@ -43,12 +43,13 @@ FrameNode* buildCommand(std::uint8_t opcode, MakeParameter makeParameter) {
 
 FrameNode* buildLedCommand(std::uint8_t opcode, std::uint8_t red, std::uint8_t green,
                            std::uint8_t blue, std::uint8_t special, std::int16_t time) {
-  return buildCommand(opcode, [&] {
-    return createLightLedParamProtocolUnit(red, green, blue, special, time);
-  });
+  return buildCommand(
+      opcode, [&] { return createLightLedParamProtocolUnit(red, green, blue, special, time); });
 }
 
-ProtocolUnit* zeroParameter() { return nimbara::detail::data0x00; }
+ProtocolUnit* zeroParameter() {
+  return nimbara::detail::data0x00;
+}
 
 }  // namespace
 

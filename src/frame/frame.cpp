@@ -87,4 +87,6 @@ void freeProtocolFrame(FrameNode* frame) {
   releaseFrame(frame, true);
 }
 
-void nimbara::detail::releaseFrameSilently(FrameNode* frame) { releaseFrame(frame, false); }
+void nimbara::detail::releaseFrameSilently(FrameNode* frame) {
+  releaseFrame(frame, false);
+}

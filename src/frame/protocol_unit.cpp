@@ -37,7 +37,9 @@ std::uint8_t byteOf(std::uint32_t value, int index) {
 
 }  // namespace
 
-ProtocolUnit* create8bitProtocolUnit(uint8_t value) { return makeBitUnit({value}, "DXX"); }
+ProtocolUnit* create8bitProtocolUnit(uint8_t value) {
+  return makeBitUnit({value}, "DXX");
+}
 
 ProtocolUnit* create16bitProtocolUnit(int16_t value) {
   const auto bits = static_cast<std::uint16_t>(value);

@@ -121,7 +121,9 @@ const std::int16_t* samplesOf(const NimbaraAudioBuffer& buffer) {
   return static_cast<const std::int16_t*>(buffer.audioData);
 }
 
-std::size_t framesOf(const NimbaraAudioBuffer& buffer) { return buffer.audioDataByteSize / 4; }
+std::size_t framesOf(const NimbaraAudioBuffer& buffer) {
+  return buffer.audioDataByteSize / 4;
+}
 
 // The queue's thread: play each enqueued buffer, then hand it back. Once the
 // queue is disposed of, what is still enqueued comes back unplayed.
@@ -283,7 +285,9 @@ void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue) {
 
 namespace nimbara::platform {
 
-std::size_t activeQueues() { return runningQueues.load(std::memory_order_acquire); }
+std::size_t activeQueues() {
+  return runningQueues.load(std::memory_order_acquire);
+}
 
 void waitUntilIdle() {
   for (std::size_t n = activeQueues(); n != 0; n = activeQueues()) {

@@ -33,7 +33,8 @@ class ByteRing {
   ByteRing() : data_(new std::uint8_t[kRingBytes]) {}
 
   std::size_t space() const {
-    return kRingBytes - (head_.load(std::memory_order_relaxed) - tail_.load(std::memory_order_acquire));
+    return kRingBytes -
+           (head_.load(std::memory_order_relaxed) - tail_.load(std::memory_order_acquire));
   }
 
   void push(const std::uint8_t* bytes, std::size_t count) {
@@ -86,7 +87,8 @@ class Connection {
 
   std::int32_t connect(const std::string& server) {
     loop_ = pa_threaded_mainloop_new();
-    if (loop_ == nullptr || pa_threaded_mainloop_start(loop_) < 0) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    if (loop_ == nullptr || pa_threaded_mainloop_start(loop_) < 0)
+      return NIMBARA_AUDIO_ERR_NO_MEMORY;
     Lock lock(loop_);
     context_ = pa_context_new(pa_threaded_mainloop_get_api(loop_), "nimbara");
     if (context_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
@@ -164,7 +166,8 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
   Connection::Lock lock(connection.loop());
   auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
     auto* q = static_cast<Query*>(data);
-    if (info != nullptr && info->default_sink_name != nullptr) q->sinkName = info->default_sink_name;
+    if (info != nullptr && info->default_sink_name != nullptr)
+      q->sinkName = info->default_sink_name;
     q->connection->signal();
   };
   if (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
@@ -185,8 +188,8 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
     }
     q->connection->signal();
   };
-  if (!connection.await(pa_context_get_sink_info_by_name(
-          connection.context(), query.sinkName.c_str(), onSink, &query)) ||
+  if (!connection.await(pa_context_get_sink_info_by_name(connection.context(),
+                                                         query.sinkName.c_str(), onSink, &query)) ||
       !query.found) {
     return NIMBARA_AUDIO_ERR_NO_ROUTE;
   }
@@ -285,8 +288,8 @@ class PulseDevice::Stream : public OutputStream {
       reported_ = true;
       NIMBARA_LOG(" [ERROR] audio output lost, playing on without sound");
     }
-    const auto due = std::chrono::steady_clock::now() +
-                     std::chrono::duration<double>(frames / kFramesPerSecond);
+    const auto due =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(frames / kFramesPerSecond);
     while (std::chrono::steady_clock::now() < due && !stop.load(std::memory_order_acquire)) pause();
   }
 
@@ -320,16 +323,21 @@ class PulseDevice::Stream : public OutputStream {
     s->connection_.signal();
   }
 
-  static void onWritable(pa_stream*, std::size_t, void* self) { static_cast<Stream*>(self)->pump(); }
+  static void onWritable(pa_stream*, std::size_t, void* self) {
+    static_cast<Stream*>(self)->pump();
+  }
 
-  static void onTimer(pa_mainloop_api* api, pa_time_event* event, const struct timeval*, void* self) {
+  static void onTimer(pa_mainloop_api* api, pa_time_event* event, const struct timeval*,
+                      void* self) {
     static_cast<Stream*>(self)->pump();
     (void)api;
     pa_context_rttime_restart(static_cast<Stream*>(self)->connection_.context(), event,
                               pa_rtclock_now() + kPumpPeriodUsec);
   }
 
-  static void onDrained(pa_stream*, int, void* self) { static_cast<Stream*>(self)->connection_.signal(); }
+  static void onDrained(pa_stream*, int, void* self) {
+    static_cast<Stream*>(self)->connection_.signal();
+  }
 
   Connection connection_;
   pa_stream* stream_ = nullptr;

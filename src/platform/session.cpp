@@ -29,15 +29,27 @@ std::shared_ptr<Backend> makeDefaultBackend() {
 void OutputStream::enqueued(const std::int16_t*, std::size_t) {}
 void OutputStream::close() {}
 
-std::int32_t Backend::initializeSession() { return NIMBARA_AUDIO_OK; }
-std::int32_t Backend::setCategoryPlayback() { return NIMBARA_AUDIO_OK; }
-std::int32_t Backend::setActive(bool) { return NIMBARA_AUDIO_OK; }
-std::int32_t Backend::setPreferredSampleRate(double) { return NIMBARA_AUDIO_OK; }
+std::int32_t Backend::initializeSession() {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t Backend::setCategoryPlayback() {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t Backend::setActive(bool) {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t Backend::setPreferredSampleRate(double) {
+  return NIMBARA_AUDIO_OK;
+}
 void Backend::sleep(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
-std::int32_t Backend::injectedFault(Call, unsigned) { return NIMBARA_AUDIO_OK; }
-bool Backend::returnsBuffersAfterDispose() const { return true; }
+std::int32_t Backend::injectedFault(Call, unsigned) {
+  return NIMBARA_AUDIO_OK;
+}
+bool Backend::returnsBuffersAfterDispose() const {
+  return true;
+}
 
 void setBackend(std::shared_ptr<Backend> backend) {
   std::lock_guard lock(backendMutex);
@@ -54,11 +66,15 @@ std::shared_ptr<Backend> currentBackend() {
 
 using nimbara::platform::currentBackend;
 
-int32_t nimbaraAudioSessionInitialize(void) { return currentBackend()->initializeSession(); }
+int32_t nimbaraAudioSessionInitialize(void) {
+  return currentBackend()->initializeSession();
+}
 int32_t nimbaraAudioSessionSetCategoryPlayback(void) {
   return currentBackend()->setCategoryPlayback();
 }
-int32_t nimbaraAudioSessionSetActive(bool active) { return currentBackend()->setActive(active); }
+int32_t nimbaraAudioSessionSetActive(bool active) {
+  return currentBackend()->setActive(active);
+}
 int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate) {
   return currentBackend()->setPreferredSampleRate(rate);
 }
@@ -78,4 +94,6 @@ int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity) {
   return NIMBARA_AUDIO_OK;
 }
 
-void nimbaraThreadSleep(double seconds) { currentBackend()->sleep(seconds); }
+void nimbaraThreadSleep(double seconds) {
+  currentBackend()->sleep(seconds);
+}

@@ -36,13 +36,14 @@ class VirtualDevice::Stream : public OutputStream {
     if (scale > 0) {
       // The buffer is played once the device clock has passed its last frame.
       if (framesPlayed_ == 0) started_ = Clock::now();
-      const auto due = started_ + std::chrono::duration_cast<Clock::duration>(
-                                      std::chrono::duration<double>(
-                                          (framesPlayed_ + frames) / 44100.0 * scale));
+      const auto due =
+          started_ + std::chrono::duration_cast<Clock::duration>(
+                         std::chrono::duration<double>((framesPlayed_ + frames) / 44100.0 * scale));
       while (!stop.load(std::memory_order_acquire)) {
         const auto now = Clock::now();
         if (now >= due) break;
-        std::this_thread::sleep_for(std::min<Clock::duration>(due - now, std::chrono::milliseconds(2)));
+        std::this_thread::sleep_for(
+            std::min<Clock::duration>(due - now, std::chrono::milliseconds(2)));
       }
       if (stop.load(std::memory_order_acquire)) return;
     }

@@ -39,7 +39,8 @@ bool writeSamples(std::FILE* file, const std::int16_t* samples, std::size_t coun
   std::uint8_t chunk[4096];
   while (count > 0) {
     const std::size_t n = std::min(count, sizeof chunk / 2);
-    for (std::size_t i = 0; i < n; ++i) put16(&chunk[2 * i], static_cast<std::uint16_t>(samples[i]));
+    for (std::size_t i = 0; i < n; ++i)
+      put16(&chunk[2 * i], static_cast<std::uint16_t>(samples[i]));
     if (std::fwrite(chunk, 2, n, file) != n) return false;
     samples += n;
     count -= n;

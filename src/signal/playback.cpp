@@ -78,7 +78,9 @@ void endOfPlayback(PlaybackContext* context) {
 
 }  // namespace nimbara::detail
 
-void incrementAqcFinishCount(PlaybackContext* context) { countReturn(context, " -> free(aqc);"); }
+void incrementAqcFinishCount(PlaybackContext* context) {
+  countReturn(context, " -> free(aqc);");
+}
 
 void incrementPlayFinishCount(PlaybackContext* context) {
   countReturn(context, " -> freeProtocolFrame(aqc->protocolFrame);");
@@ -106,8 +108,8 @@ int32_t executeFunction(FrameNode* frame, uint32_t /*expectedReplyCode*/, unsign
   context->disposedCount = 0;
   context->engineHolds = 2;  // this caller and the callback side
 
-  const std::int32_t created = nimbaraAudioQueueNewOutput(&context->format, AQOutputCallback,
-                                                          context, 0, &context->queue);
+  const std::int32_t created =
+      nimbaraAudioQueueNewOutput(&context->format, AQOutputCallback, context, 0, &context->queue);
   NIMBARA_LOG("#sampleLen=%d", static_cast<int>(context->targetFrames));
   if (created != 0) {
     NIMBARA_LOG("#newOutput err=%ld", static_cast<long>(created));

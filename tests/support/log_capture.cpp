@@ -13,7 +13,9 @@ LogCapture::LogCapture() {
   });
 }
 
-LogCapture::~LogCapture() { setLogSink({}); }
+LogCapture::~LogCapture() {
+  setLogSink({});
+}
 
 std::vector<std::string> LogCapture::lines() {
   flushLog();

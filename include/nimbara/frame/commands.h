@@ -12,7 +12,7 @@
 
 NIMBARA_BEGIN_C
 
-NIMBARA_API FrameNode* createAcquireProtocol(void);  /* opcode 1, parameter 0x00 */
+NIMBARA_API FrameNode* createAcquireProtocol(void);   /* opcode 1, parameter 0x00 */
 NIMBARA_API FrameNode* createGetTankIdProtocol(void); /* opcode 3, parameter 0x00 */
 NIMBARA_API FrameNode* createLightLedProtocol(uint8_t red, uint8_t green, uint8_t blue,
                                               uint8_t special, int16_t time); /* opcode 4 */

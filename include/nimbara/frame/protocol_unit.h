@@ -13,10 +13,10 @@ NIMBARA_BEGIN_C
 #define NIMBARA_SAMPLE_UNIT 1u
 
 typedef struct ProtocolUnit {
-  uint8_t* data;   /* exactly `length` elements, owned by the unit */
-  int32_t length;  /* number of elements */
-  uint32_t kind;   /* 1: sample unit; otherwise bit unit (constructors write 0) */
-  char name[4];    /* three letters and a zero byte, for log lines */
+  uint8_t* data;    /* exactly `length` elements, owned by the unit */
+  int32_t length;   /* number of elements */
+  uint32_t kind;    /* 1: sample unit; otherwise bit unit (constructors write 0) */
+  char name[4];     /* three letters and a zero byte, for log lines */
   uint8_t isStatic; /* bit 0 set on the process-wide fixed units: frames never free them */
 } ProtocolUnit;
 

@@ -16,15 +16,15 @@ NIMBARA_BEGIN_C
 /* Statuses: 0 for success, negative for the layer's own failures. */
 enum {
   NIMBARA_AUDIO_OK = 0,
-  NIMBARA_AUDIO_ERR_NO_SERVER = -1,    /* the audio server cannot be reached */
-  NIMBARA_AUDIO_ERR_FORMAT = -2,       /* the stream format is not 44100 Hz s16 stereo PCM */
-  NIMBARA_AUDIO_ERR_DISPOSED = -3,     /* the queue has been disposed of */
-  NIMBARA_AUDIO_ERR_INVALID = -4,      /* a null or malformed argument */
-  NIMBARA_AUDIO_ERR_NO_MEMORY = -5,    /* memory or the queue's buffer slots ran out */
-  NIMBARA_AUDIO_ERR_BUSY = -6,         /* buffer already enqueued, or queue already started */
-  NIMBARA_AUDIO_ERR_IO = -7,           /* the output (a file, a stream) failed */
-  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,     /* the current route cannot be read */
-  NIMBARA_AUDIO_ERR_STREAM = -9        /* the server refused the playback stream */
+  NIMBARA_AUDIO_ERR_NO_SERVER = -1, /* the audio server cannot be reached */
+  NIMBARA_AUDIO_ERR_FORMAT = -2,    /* the stream format is not 44100 Hz s16 stereo PCM */
+  NIMBARA_AUDIO_ERR_DISPOSED = -3,  /* the queue has been disposed of */
+  NIMBARA_AUDIO_ERR_INVALID = -4,   /* a null or malformed argument */
+  NIMBARA_AUDIO_ERR_NO_MEMORY = -5, /* memory or the queue's buffer slots ran out */
+  NIMBARA_AUDIO_ERR_BUSY = -6,      /* buffer already enqueued, or queue already started */
+  NIMBARA_AUDIO_ERR_IO = -7,        /* the output (a file, a stream) failed */
+  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,  /* the current route cannot be read */
+  NIMBARA_AUDIO_ERR_STREAM = -9     /* the server refused the playback stream */
 };
 
 /* Text of a status, for messages; never null. */

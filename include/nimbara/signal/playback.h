@@ -17,15 +17,15 @@ struct ResponseRecord;
  * thread and the queue's callback thread. */
 typedef struct PlaybackContext {
   NimbaraAudioQueueRef queue;
-  uint32_t framesPerBuffer;            /* 735: 1/60 s at 44100 Hz */
+  uint32_t framesPerBuffer; /* 735: 1/60 s at 44100 Hz */
   NimbaraAudioBufferRef buffers[3];
-  NimbaraStreamFormat format;          /* 44100 Hz, s16, 2 channels, interleaved */
-  uint32_t playedFrames;               /* frames rendered so far, silence included */
-  uint32_t targetFrames;               /* sampleLen / 2 */
-  FrameNode* protocolFrame;            /* render cursor: the node being played */
-  FrameNode* frameHead;                /* the frame, for its release; null once released */
-  uint8_t disposed;                    /* the queue has been disposed of */
-  int32_t disposedCount;               /* callback returns after the end of playback */
+  NimbaraStreamFormat format; /* 44100 Hz, s16, 2 channels, interleaved */
+  uint32_t playedFrames;      /* frames rendered so far, silence included */
+  uint32_t targetFrames;      /* sampleLen / 2 */
+  FrameNode* protocolFrame;   /* render cursor: the node being played */
+  FrameNode* frameHead;       /* the frame, for its release; null once released */
+  uint8_t disposed;           /* the queue has been disposed of */
+  int32_t disposedCount;      /* callback returns after the end of playback */
   /* Engine-private: how many parties (the waiting caller, the callback side)
    * still use the context; the last one releases it. 0 in a context not made
    * by executeFunction, which is then released at once. */
