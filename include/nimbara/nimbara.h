@@ -3,6 +3,8 @@
 #ifndef NIMBARA_NIMBARA_H
 #define NIMBARA_NIMBARA_H
 
+#include <nimbara/api/NimbaraSDK.h>
+#include <nimbara/device/operations.h>
 #include <nimbara/device/reply_bits.h>
 #include <nimbara/device/route.h>
 #include <nimbara/export.h>
@@ -15,6 +17,8 @@
 #include <nimbara/signal/signal_units.h>
 #include <nimbara/tank/base64.h>
 
+#include <nimbara/api/NimbaraException.h>
+#include <nimbara/api/NimbaraProtocol.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
 #include <nimbara/platform/pulse_device.h>
