@@ -1,6 +1,7 @@
 // Against the real PulseAudio server that the test script starts (its default
 // sink "Headphones", a second sink "Speaker"), and against private servers
 // that a test starts and kills itself.
+#include <nimbara/api/NimbaraSDK.h>
 #include <nimbara/device/route.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/platform/pulse_device.h>
@@ -25,6 +26,7 @@
 
 #include "support/expected_signal.h"
 #include "support/log_capture.h"
+#include "support/signals.h"
 
 extern char** environ;
 
@@ -166,6 +168,27 @@ TEST_F(PulseTest, ATransmissionReachesTheSinkBitForBit) {
                                             "00000001"
                                             "0000000111110100")));
   EXPECT_TRUE(recording.contains(expected));
+}
+
+TEST_F(PulseTest, AFacadePuffReachesTheHeadphonesAndNoDeviceSendsNothing) {
+  REQUIRE_TEST_SERVER();
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>());
+  nimbara::setRunLoopPause([](double) {});
+  nimbara::NimbaraSDK& sdk = nimbara::NimbaraSDK::nimbara();
+  TempDir dir;
+  MonitorRecording recording("headphones.monitor", dir.path / "monitor.raw");
+  ASSERT_TRUE(recording.started());
+  sdk.puffAndFlashLedWithRed(0, 255, 7, 3, 2000);  // sprays 1000 ms
+  nimbara::platform::waitUntilIdle();
+  auto expected = nimbara::test::ledCommandSignal(5, 0, 255, 7, 3, 1000, 0);
+  EXPECT_TRUE(recording.contains(expected));
+
+  ASSERT_EQ(std::system("pactl set-default-sink speaker"), 0);
+  LogCapture log;
+  EXPECT_THROW(sdk.puffAndFlashLedWithRed(0, 255, 7, 3, 2000), nimbara::NimbaraException);
+  ASSERT_EQ(std::system("pactl set-default-sink headphones"), 0);
+  EXPECT_THAT(log.take(), ::testing::Not(::testing::Contains("#executeFunction 35280")));
+  nimbara::setRunLoopPause({});
 }
 
 TEST_F(PulseTest, NoServerGivesAStatus) {

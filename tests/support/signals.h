@@ -16,14 +16,14 @@ inline std::string byteBits(unsigned value, int width = 8) {
 }
 
 // Stereo samples handed to the output for an LED command: the frame, then
-// silence up to `frames`.
+// silence up to `frames` (0: the frame alone).
 inline std::vector<std::int16_t> ledCommandSignal(unsigned opcode, unsigned red, unsigned green,
                                                   unsigned blue, unsigned special, int time,
                                                   std::size_t frames) {
   auto mono = expectedFrameSignal(withParity(byteBits(opcode) + byteBits(red) + byteBits(green) +
                                              byteBits(blue) + byteBits(special) +
                                              byteBits(static_cast<std::uint16_t>(time), 16)));
-  mono.resize(frames, 0);
+  if (frames > 0) mono.resize(frames, 0);
   return stereo(mono);
 }
 
