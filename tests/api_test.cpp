@@ -197,9 +197,10 @@ TEST_F(ApiTest, OperationsUseTheirFixedLengthsAndNeverSeeAReply) {
   EXPECT_EQ(std::count(steps.begin(), steps.end(), "#executeFunction 35280"), 1);
 }
 
-// A receiver that answers with fixed bytes.
-void replyWith(std::vector<std::uint8_t> bytes) {
-  nimbara::setReplyReceiver([bytes](std::uint32_t, ResponseRecord& record) {
+// A receiver that answers the operations expecting `code` with fixed bytes.
+void replyWith(std::uint32_t code, std::vector<std::uint8_t> bytes) {
+  nimbara::setReplyReceiver([code, bytes](std::uint32_t expected, ResponseRecord& record) {
+    if (expected != code) return;
     record.replyPresent = 1;
     record.replyData = static_cast<std::uint8_t*>(std::malloc(bytes.size()));
     std::memcpy(record.replyData, bytes.data(), bytes.size());
@@ -208,11 +209,12 @@ void replyWith(std::vector<std::uint8_t> bytes) {
 
 TEST_F(ApiTest, RepliesAreReadWhenAReceiverFillsTheRecord) {
   LogCapture log;
-  replyWith({0x12});
+  replyWith(NIMBARA_REPLY_STATUS, {0x12});
   EXPECT_EQ(doLightLed(1, 2, 3, 4, 5), 18);
   EXPECT_THAT(callerSteps(log.take()), ::testing::Contains("#rtnParam->status=12"));
 
-  replyWith({0x05, 0x0E, 0x0B, 0x0F, 0x34, 0x12, 0x78, 0x56, 0x02, 0xFF, 0xCD, 0xAB});
+  replyWith(NIMBARA_REPLY_TANK_ID,
+            {0x05, 0x0E, 0x0B, 0x0F, 0x34, 0x12, 0x78, 0x56, 0x02, 0xFF, 0xCD, 0xAB});
   auto tankId = std::make_shared<TankId>();
   EXPECT_EQ(doSprayWithLightLedGetTankId(1, 2, 3, 4, 500, tankId), 5);
   EXPECT_EQ(tankId->description(),
@@ -221,13 +223,15 @@ TEST_F(ApiTest, RepliesAreReadWhenAReceiverFillsTheRecord) {
               ::testing::IsSupersetOf(
                   {"#TankId=" + tankId->description(), std::string("#rtnParam->status=5")}));
 
-  replyWith({0x78, 0x56, 0x34, 0x12});
+  replyWith(NIMBARA_REPLY_ECHO, {0x78, 0x56, 0x34, 0x12});
   std::uint32_t echoed = 0;
   EXPECT_EQ(doEcho(1, &echoed), 0);
   EXPECT_EQ(echoed, 0x12345678u);
   EXPECT_THAT(callerSteps(log.take()), ::testing::Contains("#   return Number=305419896"));
 
   // The controller answers with its fixed identity whatever the device said.
+  replyWith(NIMBARA_REPLY_TANK_ID,
+            {0x05, 0x0E, 0x0B, 0x0F, 0x34, 0x12, 0x78, 0x56, 0x02, 0xFF, 0xCD, 0xAB});
   auto fixed =
       NimbaraSDK::nimbara().nimbaraProtocol()->puffAndFlashLedWithRedAndGetTankId(1, 2, 3, 4, 5);
   EXPECT_EQ(fixed->description(), "date=13/11/15, scentId=0, serialId=0, reserve1=0, reserve2=0");
