@@ -230,18 +230,10 @@ TEST(Playback, TwoThreadsPlayAtOnceEachOnItsOwnQueue) {
   EXPECT_TRUE(handed == oneOrder || handed == otherOrder);
 }
 
-std::size_t openFileDescriptors() {
+// Entries of a /proc folder: open descriptors or threads of this process.
+std::size_t entriesIn(const char* folder) {
   std::size_t count = 0;
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-  }
-  return count;
-}
-
-std::size_t threadCount() {
-  std::size_t count = 0;
-  if (DIR* dir = opendir("/proc/self/task")) {
+  if (DIR* dir = opendir(folder)) {
     while (readdir(dir) != nullptr) ++count;
     closedir(dir);
   }
@@ -254,16 +246,16 @@ TEST(Playback, AThousandTransmissionsLeaveNoThreadsOrDescriptorsBehind) {
   options.record = false;
   VirtualOutput output(options);
   nimbara::setLogSink({});
-  const std::size_t fds = openFileDescriptors();
-  const std::size_t threads = threadCount();
+  const std::size_t fds = entriesIn("/proc/self/fd");
+  const std::size_t threads = entriesIn("/proc/self/task");
   for (int i = 0; i < 1000; ++i) {
     ASSERT_EQ(executeFunction(createEchoProtocol(static_cast<std::uint32_t>(i)), 3, 35280, nullptr),
               0);
   }
   nimbara::platform::waitUntilIdle();
   EXPECT_EQ(nimbara::platform::activeQueues(), 0u);
-  EXPECT_EQ(openFileDescriptors(), fds);
-  EXPECT_EQ(threadCount(), threads);
+  EXPECT_EQ(entriesIn("/proc/self/fd"), fds);
+  EXPECT_EQ(entriesIn("/proc/self/task"), threads);
 }
 
 }  // namespace

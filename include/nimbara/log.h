@@ -10,10 +10,11 @@
 
 namespace nimbara {
 
-/* Receives one log line, without time prefix and without newline.
- * Lines arrive in the order they were written, on the library's log thread,
- * never on the audio thread: a slow sink delays the log, not the sound.
- * A sink that throws loses that line and nothing else. */
+/* Receives one log line, without time prefix and without newline, in the
+ * order the lines were written, one line at a time. It is called on the
+ * thread that wrote the line, except for the audio thread's lines, which
+ * reach it on the library's log thread: a slow sink delays the log, never the
+ * sound. A sink that throws loses that line and nothing else. */
 using LogSink = std::function<void(std::string_view line)>;
 
 /* Replaces the sink; an empty function silences the library. Lines written
@@ -21,9 +22,9 @@ using LogSink = std::function<void(std::string_view line)>;
  * each line to stderr with a local time prefix, the process name and its id. */
 NIMBARA_API void setLogSink(LogSink sink);
 
-/* Waits until every line written so far has reached the sink. Lines written on
- * other threads are already delivered when a call that wrote them returns,
- * except lines of the audio thread, which this waits for too. */
+/* Waits until every line written so far has reached the sink: lines of other
+ * threads are out when the call that wrote them returns; this waits for the
+ * audio thread's too. */
 NIMBARA_API void flushLog();
 
 /* Lines of the audio thread that were dropped because the log was full. */

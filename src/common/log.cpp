@@ -1,8 +1,8 @@
-// One ordered pipe for every log line. Writers format into a fixed slot of a
-// bounded lock-free queue; one log thread hands the lines to the sink in order.
-// Ordinary threads then wait until their line is delivered, so a line is out
-// when the call that wrote it returns; audio threads never wait (a full queue
-// drops their line and counts it).
+// One ordered log. Audio threads format into a fixed slot of a bounded
+// lock-free queue and never wait (a full queue drops their line and counts
+// it); a log thread hands those lines to the sink. Other threads deliver
+// their line in place, after whatever the audio threads queued before it, so
+// a line is out when the call that wrote it returns.
 #include "common/log.h"
 
 #include "common/bounded_queue.h"
@@ -26,7 +26,7 @@ namespace nimbara {
 namespace {
 
 thread_local bool tlsAudioThread = false;
-thread_local bool tlsLogThread = false;
+thread_local bool tlsInSink = false;
 
 void writeToStderr(std::string_view line) {
   using namespace std::chrono;
@@ -63,35 +63,45 @@ class LogPipe {
     return *pipe;
   }
 
+  bool silent() const { return !hasSink_.load(std::memory_order_acquire); }
+
   void write(const char* text, std::size_t len) {
-    if (tlsLogThread) {  // a sink that logs: deliver in place, in order
+    if (tlsInSink) {  // a sink that logs: deliver in place, in order
+      deliver(std::string_view(text, len));
+      return;
+    }
+    if (!tlsAudioThread) {
+      // Lines the audio thread queued before this one go first.
+      std::lock_guard lock(sinkMutex_);
+      drainLocked();
       deliver(std::string_view(text, len));
       return;
     }
     Line line;
     line.len = static_cast<std::uint32_t>(len < kLineMax ? len : kLineMax);
     std::memcpy(line.text, text, line.len);
-    std::uint64_t pos;
-    while (!lines_.tryPush(line, &pos)) {
-      if (tlsAudioThread) {
-        dropped_.fetch_add(1, std::memory_order_relaxed);
-        return;
-      }
-      std::this_thread::yield();
+    if (!lines_.tryPush(line)) {
+      dropped_.fetch_add(1, std::memory_order_relaxed);
+      return;
     }
     wake_.fetch_add(1, std::memory_order_release);
     wake_.notify_one();
-    if (!tlsAudioThread) waitDelivered(pos + 1);
   }
 
   void flush() {
-    if (!tlsLogThread) waitDelivered(lines_.pushed());
+    std::uint64_t pushed = lines_.pushed();
+    if (tlsInSink) return;
+    std::lock_guard lock(sinkMutex_);
+    while (drained_ < pushed) {
+      if (!drainLocked()) std::this_thread::yield();  // a push still being written
+    }
   }
 
   void setSink(LogSink sink) {
     flush();
     std::lock_guard lock(sinkMutex_);
     sink_ = std::move(sink);
+    hasSink_.store(static_cast<bool>(sink_), std::memory_order_release);
   }
 
   unsigned long long dropped() const { return dropped_.load(std::memory_order_relaxed); }
@@ -102,48 +112,47 @@ class LogPipe {
     char text[kLineMax];
   };
 
-  void waitDelivered(std::uint64_t count) {
-    std::uint64_t seen = delivered_.load(std::memory_order_acquire);
-    while (seen < count) {
-      delivered_.wait(seen, std::memory_order_acquire);
-      seen = delivered_.load(std::memory_order_acquire);
+  // Delivers every queued line; the caller holds sinkMutex_.
+  bool drainLocked() {
+    bool any = false;
+    Line line;
+    while (lines_.tryPop(&line)) {
+      deliver(std::string_view(line.text, line.len));
+      ++drained_;
+      any = true;
     }
+    return any;
   }
 
   void deliver(std::string_view line) {
     if (!sink_) return;
+    tlsInSink = true;
     try {
       sink_(line);
     } catch (...) {
       // A failing sink loses its line; the library goes on.
     }
+    tlsInSink = false;
   }
 
+  // Delivers the audio threads' lines when no other thread logs.
   void run() {
-    tlsLogThread = true;
-    std::uint64_t count = 0;
-    Line line;
     for (;;) {
       const std::uint32_t wake = wake_.load(std::memory_order_acquire);
-      bool any = false;
-      while (lines_.tryPop(&line)) {
-        {
-          std::lock_guard lock(sinkMutex_);
-          deliver(std::string_view(line.text, line.len));
-        }
-        delivered_.store(++count, std::memory_order_release);
-        delivered_.notify_all();
-        any = true;
+      {
+        std::lock_guard lock(sinkMutex_);
+        drainLocked();
       }
-      if (!any) wake_.wait(wake, std::memory_order_acquire);
+      wake_.wait(wake, std::memory_order_acquire);
     }
   }
 
   detail::BoundedQueue<Line, 1024> lines_;
-  std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint32_t> wake_{0};
   std::atomic<unsigned long long> dropped_{0};
+  std::atomic<bool> hasSink_{true};
   std::mutex sinkMutex_;
+  std::uint64_t drained_ = 0;  // under sinkMutex_
   LogSink sink_;
 };
 
@@ -163,6 +172,7 @@ namespace detail {
 
 void log(const char* format, ...) {
   char line[LogPipe::kLineMax];
+  if (LogPipe::instance().silent()) return;
   va_list args;
   va_start(args, format);
   const int n = std::vsnprintf(line, sizeof line, format, args);

@@ -15,9 +15,10 @@ using nimbara::detail::waveNum01;
 
 constexpr std::int16_t kHigh = 32767;
 
+// Both channels of a frame in one 32-bit store.
 void writeFrame(std::int16_t* out, std::uint32_t frame, std::int16_t value) {
-  out[2 * frame] = value;
-  out[2 * frame + 1] = value;
+  const std::uint32_t pair = static_cast<std::uint16_t>(value) * 0x00010001u;
+  std::memcpy(out + 2 * frame, &pair, sizeof pair);
 }
 
 // The waveform of one bit; null when the fixed units are gone.
@@ -62,9 +63,11 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
     if (unit->kind == NIMBARA_SAMPLE_UNIT) {
       const std::uint32_t n = std::min(length - node->bitIndex, count - i);
       const std::uint8_t* element = unit->data + node->bitIndex;
+      std::int16_t* frames = out + 2 * i;
       for (std::uint32_t k = 0; k < n; ++k) {
-        writeFrame(out, i++, element[k] == 1 ? kHigh : static_cast<std::int16_t>(element[k]));
+        writeFrame(frames, k, element[k] == 1 ? kHigh : static_cast<std::int16_t>(element[k]));
       }
+      i += n;
       node->bitIndex += n;
     } else {
       const WaveTable* wave = waveFor(unit->data[node->bitIndex]);
@@ -72,7 +75,9 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
       if (node->sampleIndex < waveLength) {
         const std::uint32_t n = std::min(waveLength - node->sampleIndex, count - i);
         const std::int16_t* sample = wave->samples + node->sampleIndex;
-        for (std::uint32_t k = 0; k < n; ++k) writeFrame(out, i++, sample[k]);
+        std::int16_t* frames = out + 2 * i;
+        for (std::uint32_t k = 0; k < n; ++k) writeFrame(frames, k, sample[k]);
+        i += n;
         node->sampleIndex += n;
       }
       if (node->sampleIndex >= waveLength) {
