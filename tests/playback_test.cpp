@@ -172,8 +172,16 @@ TEST(Playback, EveryFailingPlatformCallReturnsItsStatus) {
     VirtualOutput output;
     output->failCall(c.call, -1234, c.occurrence);
     LogCapture log;
-    const std::int32_t status = executeFunction(createAcquireProtocol(), 1, 17640, nullptr);
-    nimbara::platform::waitUntilIdle();
+    std::int32_t status;
+    if (c.call == Call::Enqueue) {
+      // Two buffers in circulation come back twice only: the context stays.
+      NIMBARA_EXPECTED_LEAK;
+      status = executeFunction(createAcquireProtocol(), 1, 17640, nullptr);
+      nimbara::platform::waitUntilIdle();
+    } else {
+      status = executeFunction(createAcquireProtocol(), 1, 17640, nullptr);
+      nimbara::platform::waitUntilIdle();
+    }
     const auto lines = log.take();
     if (c.call == Call::Enqueue) {  // a priming enqueue: the buffer leaves circulation
       EXPECT_EQ(status, 0);

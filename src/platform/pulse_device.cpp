@@ -27,6 +27,38 @@ constexpr pa_usec_t kPumpPeriodUsec = 5000;
 constexpr std::size_t kRingBytes = 1u << 16;  // more than all a queue's buffers
 constexpr auto kStallLimit = std::chrono::seconds(2);
 
+// ThreadSanitizer cannot see the main loop's lock inside libpulse, which is
+// not built with it; these annotations tell it what the lock orders.
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+void lockAcquired(pa_threaded_mainloop* loop) {
+  __tsan_acquire(loop);
+}
+void lockReleasing(pa_threaded_mainloop* loop) {
+  __tsan_release(loop);
+}
+#else
+void lockAcquired(pa_threaded_mainloop*) {}
+void lockReleasing(pa_threaded_mainloop*) {}
+#endif
+
+// Waits for a signal of the main loop; the caller holds its lock.
+void waitForSignal(pa_threaded_mainloop* loop) {
+  lockReleasing(loop);
+  pa_threaded_mainloop_wait(loop);
+  lockAcquired(loop);
+}
+
+// A callback runs on the main loop's thread, which holds the lock meanwhile.
+class InCallback {
+ public:
+  InCallback() { lockAcquired(nullptr); }
+  ~InCallback() { lockReleasing(nullptr); }
+  InCallback(const InCallback&) = delete;
+  InCallback& operator=(const InCallback&) = delete;
+};
+
 // Single producer (the queue's thread), single consumer (the main loop's thread).
 class ByteRing {
  public:
@@ -75,11 +107,13 @@ class Connection {
   ~Connection() {
     if (loop_ == nullptr) return;
     pa_threaded_mainloop_lock(loop_);
+    lockAcquired(loop_);
     if (context_ != nullptr) {
       pa_context_set_state_callback(context_, nullptr, nullptr);
       pa_context_disconnect(context_);
       pa_context_unref(context_);
     }
+    lockReleasing(loop_);
     pa_threaded_mainloop_unlock(loop_);
     pa_threaded_mainloop_stop(loop_);
     pa_threaded_mainloop_free(loop_);
@@ -101,7 +135,7 @@ class Connection {
       const pa_context_state_t state = pa_context_get_state(context_);
       if (state == PA_CONTEXT_READY) return NIMBARA_AUDIO_OK;
       if (!PA_CONTEXT_IS_GOOD(state)) return NIMBARA_AUDIO_ERR_NO_SERVER;
-      pa_threaded_mainloop_wait(loop_);
+      waitForSignal(loop_);
     }
   }
 
@@ -109,7 +143,7 @@ class Connection {
   bool await(pa_operation* operation) {
     if (operation == nullptr) return false;
     while (pa_operation_get_state(operation) == PA_OPERATION_RUNNING && alive()) {
-      pa_threaded_mainloop_wait(loop_);
+      waitForSignal(loop_);
     }
     const bool done = pa_operation_get_state(operation) == PA_OPERATION_DONE;
     pa_operation_unref(operation);
@@ -125,8 +159,14 @@ class Connection {
 
   class Lock {
    public:
-    explicit Lock(pa_threaded_mainloop* loop) : loop_(loop) { pa_threaded_mainloop_lock(loop_); }
-    ~Lock() { pa_threaded_mainloop_unlock(loop_); }
+    explicit Lock(pa_threaded_mainloop* loop) : loop_(loop) {
+      pa_threaded_mainloop_lock(loop_);
+      lockAcquired(loop_);
+    }
+    ~Lock() {
+      lockReleasing(loop_);
+      pa_threaded_mainloop_unlock(loop_);
+    }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
@@ -136,6 +176,7 @@ class Connection {
 
  private:
   static void onState(pa_context* context, void* self) {
+    InCallback scope;
     auto* connection = static_cast<Connection*>(self);
     if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
       connection->lost_.store(true, std::memory_order_release);
@@ -165,6 +206,7 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
   } query{&connection, {}, facts};
   Connection::Lock lock(connection.loop());
   auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
+    InCallback scope;
     auto* q = static_cast<Query*>(data);
     if (info != nullptr && info->default_sink_name != nullptr)
       q->sinkName = info->default_sink_name;
@@ -175,6 +217,7 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
     return NIMBARA_AUDIO_ERR_NO_ROUTE;
   }
   auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+    InCallback scope;
     auto* q = static_cast<Query*>(data);
     if (eol == 0 && info != nullptr) {
       q->found = true;
@@ -226,7 +269,7 @@ class PulseDevice::Stream : public OutputStream {
       const pa_stream_state_t state = pa_stream_get_state(stream_);
       if (state == PA_STREAM_READY) break;
       if (!PA_STREAM_IS_GOOD(state) || !connection_.alive()) return NIMBARA_AUDIO_ERR_STREAM;
-      pa_threaded_mainloop_wait(connection_.loop());
+      waitForSignal(connection_.loop());
     }
     // Keep the server's whole buffer and its start threshold covered, plus two
     // buffers, so that the queue never starves the stream.
@@ -316,6 +359,7 @@ class PulseDevice::Stream : public OutputStream {
   }
 
   static void onState(pa_stream* stream, void* self) {
+    InCallback scope;
     auto* s = static_cast<Stream*>(self);
     if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
       s->lost_.store(true, std::memory_order_release);
@@ -324,19 +368,22 @@ class PulseDevice::Stream : public OutputStream {
   }
 
   static void onWritable(pa_stream*, std::size_t, void* self) {
-    static_cast<Stream*>(self)->pump();
+    InCallback scope;
+    auto* s = static_cast<Stream*>(self);
+    s->pump();
   }
 
-  static void onTimer(pa_mainloop_api* api, pa_time_event* event, const struct timeval*,
-                      void* self) {
-    static_cast<Stream*>(self)->pump();
-    (void)api;
-    pa_context_rttime_restart(static_cast<Stream*>(self)->connection_.context(), event,
-                              pa_rtclock_now() + kPumpPeriodUsec);
+  static void onTimer(pa_mainloop_api*, pa_time_event* event, const struct timeval*, void* self) {
+    InCallback scope;
+    auto* s = static_cast<Stream*>(self);
+    s->pump();
+    pa_context_rttime_restart(s->connection_.context(), event, pa_rtclock_now() + kPumpPeriodUsec);
   }
 
   static void onDrained(pa_stream*, int, void* self) {
-    static_cast<Stream*>(self)->connection_.signal();
+    InCallback scope;
+    auto* s = static_cast<Stream*>(self);
+    s->connection_.signal();
   }
 
   Connection connection_;
