@@ -48,8 +48,9 @@ std::string entry(std::uint32_t played, std::uint32_t target, int data, int disp
          ", data=" + std::to_string(data) + ", disposedCount=" + std::to_string(disposedCount);
 }
 
-// Lines of the caller's thread, and the lines of the queue's thread after the
-// queue started (everything after "#play wait before." but the polling).
+// Lines of the caller's thread, and those of the queue's thread, which may
+// interleave with the caller's once the queue has started. The three priming
+// renders run on the caller's thread before the start.
 struct SplitLog {
   std::vector<std::string> caller;
   std::vector<std::string> audio;
@@ -57,11 +58,13 @@ struct SplitLog {
 
 SplitLog split(const std::vector<std::string>& lines) {
   SplitLog log;
-  bool started = false;
+  int entries = 0;
   for (const std::string& line : lines) {
-    const bool polling = line.rfind("wait... ", 0) == 0 || line == "#play wait after.";
-    (started && !polling ? log.audio : log.caller).push_back(line);
-    if (line == "#play wait before.") started = true;
+    const bool entry = line.rfind("AQOutputCallback", 0) == 0;
+    entries += entry ? 1 : 0;
+    const bool audio =
+        (entry && entries > 3) || line.rfind(" ", 0) == 0 || line == "#freeProtocolFrame";
+    (audio ? log.audio : log.caller).push_back(line);
   }
   return log;
 }
@@ -89,6 +92,9 @@ TEST(Playback, OneTransmissionLogsEveryStepAndReleasesEverything) {
   EXPECT_EQ(head[6], entry(1470, target, 0, 0));
   EXPECT_EQ(head[7], "#play wait before.");
   EXPECT_EQ(lines.caller.back(), "#play wait after.");
+  for (std::size_t i = 8; i + 1 < lines.caller.size(); ++i) {
+    EXPECT_EQ(lines.caller[i].rfind("wait... ", 0), 0u) << lines.caller[i];
+  }
 
   // Buffer k comes back holding the render k, whose first frame is (k-1) x 735.
   std::vector<std::string> audio;
