@@ -248,8 +248,8 @@ class PulseDevice::Stream : public OutputStream {
   std::int32_t open(const std::string& server) {
     if (const std::int32_t status = connection_.connect(server)) return status;
     Connection::Lock lock(connection_.loop());
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 2};
-    stream_ = pa_stream_new(connection_.context(), "nimbara", &spec, nullptr);
+    const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
+    stream_ = pa_stream_new(connection_.context(), "nimbara", &sampleSpec, nullptr);
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &Stream::onState, this);
     pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
