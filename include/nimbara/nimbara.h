@@ -24,6 +24,7 @@
 #include <nimbara/platform/pulse_device.h>
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/platform/wav_device.h>
+#include <nimbara/receiver/receiver.h>
 #include <nimbara/tank/TankId.h>
 
 #endif

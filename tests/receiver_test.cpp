@@ -1,0 +1,223 @@
+#include <nimbara/device/operations.h>
+#include <nimbara/log.h>
+#include <nimbara/platform/wav_device.h>
+#include <nimbara/receiver/receiver.h>
+#include <nimbara/tank/TankId.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+
+#include "support/channel.h"
+#include "support/virtual_output.h"
+
+namespace {
+
+using nimbara::Receiver;
+using nimbara::Transmission;
+using namespace nimbara::test;
+
+// What the playback engine hands the output for one device operation.
+Signal played(const std::function<void()>& operation) {
+  nimbara::setLogSink({});
+  VirtualOutput output;
+  operation();
+  nimbara::platform::waitUntilIdle();
+  return leftChannel(output->enqueuedSamples());
+}
+
+struct Case {
+  const char* command;
+  std::function<void()> operation;
+  std::function<void(const Transmission&)> check;
+};
+
+std::vector<Case> everyOperation() {
+  return {
+      {"acquire", [] { doAquireDeviceState(); }, [](const Transmission&) {}},
+      {"getTankId",
+       [] {
+         auto tank = std::make_shared<nimbara::TankId>();
+         doGetTankId(tank);
+       },
+       [](const Transmission&) {}},
+      {"echo",
+       [] {
+         uint32_t out = 0;
+         doEcho(0xDEADBEEF, &out);
+       },
+       [](const Transmission& t) { EXPECT_EQ(t.number, 0xDEADBEEFu); }},
+      {"lightLed", [] { doLightLed(255, 0, 128, 7, -1); },
+       [](const Transmission& t) {
+         EXPECT_EQ(t.red, 255);
+         EXPECT_EQ(t.green, 0);
+         EXPECT_EQ(t.blue, 128);
+         EXPECT_EQ(t.special, 7);
+         EXPECT_EQ(t.time, -1);
+       }},
+      {"sprayWithLightLed", [] { doSprayWithLightLed(1, 2, 3, 4, 5000); },
+       [](const Transmission& t) {
+         EXPECT_EQ(t.red, 1);
+         EXPECT_EQ(t.time, 1000);  // clamped by the operation
+       }},
+      {"sprayWithLightLedGetTankId",
+       [] {
+         auto tank = std::make_shared<nimbara::TankId>();
+         doSprayWithLightLedGetTankId(10, 20, 30, 40, 50, tank);
+       },
+       [](const Transmission& t) {
+         EXPECT_EQ(t.blue, 30);
+         EXPECT_EQ(t.time, 100);
+       }},
+  };
+}
+
+std::vector<Transmission> receive(const Signal& signal, double rate, std::size_t chunk = 4096) {
+  Receiver receiver(rate, 1);
+  for (std::size_t at = 0; at < signal.size(); at += chunk) {
+    receiver.push(signal.data() + at, std::min(chunk, signal.size() - at));
+  }
+  receiver.finish();
+  return receiver.take();
+}
+
+void expectDecoded(const std::vector<Transmission>& received, const Case& c, const char* path) {
+  std::string all;
+  for (const Transmission& t : received) all += " [" + t.bits[0] + " / " + t.bits[1] + "]";
+  ASSERT_EQ(received.size(), 1u) << c.command << " through " << path << all;
+  const Transmission& t = received[0];
+  EXPECT_FALSE(t.damaged) << c.command << " through " << path << ": " << t.bits[0] << " / "
+                          << t.bits[1];
+  EXPECT_EQ(t.command, c.command) << path;
+  c.check(t);
+}
+
+TEST(Receiver, DecodesEveryOperationAsPlayed) {
+  for (const Case& c : everyOperation()) {
+    const Signal signal = withSilence(played(c.operation), 2000, 2000);
+    const auto received = receive(signal, 44100);
+    expectDecoded(received, c, "a clean line");
+    if (!received.empty()) {
+      EXPECT_NEAR(received[0].startSeconds, 2000 / 44100.0, 0.001);
+      EXPECT_TRUE(received[0].parityOk[0] && received[0].parityOk[1]);
+      EXPECT_TRUE(received[0].repetitionsAgree);
+    }
+  }
+}
+
+TEST(Receiver, SurvivesEachImpairmentAloneAndAllTogether) {
+  using Path = std::function<Signal(const Signal&)>;
+  const std::vector<std::pair<const char*, std::pair<Path, double>>> paths = {
+      {"-40 dB", {[](const Signal& s) { return gain(s, -40); }, 44100}},
+      {"inverted", {[](const Signal& s) { return invert(s); }, 44100}},
+      {"DC offset", {[](const Signal& s) { return offset(s, 0.3f); }, 44100}},
+      {"48000 Hz", {[](const Signal& s) { return resample(s, 48000 / 44100.0); }, 48000}},
+      {"22050 Hz",
+       {[](const Signal& s) { return resample(biquad(s, 44100, 9000, false), 0.5); }, 22050}},
+      {"low-pass 8 kHz", {[](const Signal& s) { return biquad(s, 44100, 8000, false); }, 44100}},
+      {"high-pass 100 Hz", {[](const Signal& s) { return biquad(s, 44100, 100, true); }, 44100}},
+      {"clock +1%", {[](const Signal& s) { return resample(s, 1.01); }, 44100}},
+      {"clock -1%", {[](const Signal& s) { return resample(s, 0.99); }, 44100}},
+      {"noise 12 dB", {[](const Signal& s) { return noise(s, 12, 1.0f, 7); }, 44100}},
+      {"all together",
+       {[](const Signal& s) {
+          Signal o = invert(biquad(biquad(s, 44100, 100, true), 44100, 8000, false));
+          o = offset(gain(resample(o, 48000 / 44100.0 * 1.01), -20), 0.05f);
+          return noise(o, 12, 0.1f, 11);
+        },
+        48000}},
+  };
+  for (const Case& c : everyOperation()) {
+    const Signal clean = withSilence(played(c.operation), 4000, 4000);
+    for (const auto& [name, path] : paths) {
+      expectDecoded(receive(path.first(clean), path.second), c, name);
+    }
+  }
+}
+
+// The share of transmissions decoded right at a signal-to-noise ratio.
+double decodedShare(double snr, int trials) {
+  const Signal clean =
+      withSilence(played([] { doSprayWithLightLed(200, 100, 50, 1, 700); }), 4000, 4000);
+  int right = 0;
+  for (int seed = 0; seed < trials; ++seed) {
+    const auto received = receive(noise(clean, snr, 1.0f, 100 + seed), 44100);
+    const bool ok = received.size() == 1 && !received[0].damaged && received[0].red == 200 &&
+                    received[0].time == 700;
+    right += ok;
+  }
+  return static_cast<double>(right) / trials;
+}
+
+TEST(Receiver, DecodesThroughNoise) {
+  EXPECT_EQ(decodedShare(15, 20), 1.0);
+  EXPECT_GE(decodedShare(6, 20), 0.85);
+}
+
+TEST(Receiver, NoiseAndDamageNeverPassAsCommands) {
+  std::mt19937 random(5);
+  std::normal_distribution<float> gauss(0, 0.3f);
+  Signal pure(44100 * 3);
+  for (float& x : pure) x = gauss(random);
+  for (const Transmission& t : receive(pure, 44100)) EXPECT_TRUE(t.damaged);
+
+  // A repetition with one bit period stretched from a 0 into a 1.
+  Signal signal = withSilence(played([] { doLightLed(0, 0, 0, 0, 0); }), 2000, 2000);
+  const std::size_t firstPayload = 2000 + 220 + 441;
+  for (std::size_t i = firstPayload + 20 * 8; i < signal.size(); ++i) {
+    if (i < firstPayload + 20 * 8 + 40) signal[i] = i < firstPayload + 20 * 8 + 20 ? 1.0f : -1.0f;
+  }
+  const auto received = receive(signal, 44100);
+  ASSERT_FALSE(received.empty());
+  EXPECT_TRUE(received[0].damaged);
+  EXPECT_FALSE(received[0].repetitionsAgree);
+
+  // Only the first repetition: damaged too.
+  Signal cut = played([] { doLightLed(1, 1, 1, 1, 1); });
+  cut.resize(220 + 441 + 57 * 40 + 100, 0);
+  const auto single = receive(withSilence(cut, 1000, 5000), 44100);
+  ASSERT_EQ(single.size(), 1u);
+  EXPECT_TRUE(single[0].damaged);
+}
+
+TEST(Receiver, ChunkSizesDoNotMatter) {
+  const Signal signal = withSilence(played([] { doLightLed(9, 8, 7, 6, 5); }), 1000, 1000);
+  for (std::size_t chunk : {1u, 7u, 735u, 100000u}) {
+    const auto received = receive(signal, 44100, chunk);
+    ASSERT_EQ(received.size(), 1u) << chunk;
+    EXPECT_EQ(received[0].bits[0], receive(signal, 44100)[0].bits[0]);
+  }
+}
+
+TEST(Receiver, ReadsWhatTheWavWriterWrote) {
+  nimbara::setLogSink({});
+  VirtualOutput output;
+  doEcho(42, nullptr);
+  nimbara::platform::waitUntilIdle();
+  const auto samples = output->enqueuedSamples();
+  const std::string path = ::testing::TempDir() + "/nimbara_echo.wav";
+  ASSERT_EQ(nimbara::platform::writeWavFile(path, samples.data(), samples.size() / 2), 0);
+  nimbara::WavAudio audio;
+  std::string error;
+  ASSERT_TRUE(nimbara::readWavFile(path, &audio, &error)) << error;
+  EXPECT_EQ(audio.channels, 2);
+  EXPECT_EQ(audio.samples.size(), samples.size());
+  const auto received = nimbara::decodeAudio(audio);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].number, 42u);
+
+  EXPECT_FALSE(nimbara::readWavFile(path + ".missing", &audio, &error));
+  std::ofstream(path) << "RIFF not really";
+  EXPECT_FALSE(nimbara::readWavFile(path, &audio, &error));
+  EXPECT_NE(error.find("not a WAV file"), std::string::npos);
+  ASSERT_EQ(nimbara::platform::writeWavFile(path, samples.data(), 0), 0);
+  EXPECT_FALSE(nimbara::readWavFile(path, &audio, &error));
+  EXPECT_NE(error.find("holds no samples"), std::string::npos);
+  std::remove(path.c_str());
+}
+
+}  // namespace
