@@ -1,0 +1,107 @@
+#!/usr/bin/env bash
+# The nimbara tool end to end, through the real binary: render then decode
+# for every operation, the error cases with their exit statuses, the virtual
+# accessory, and listen against the test script's PulseAudio server.
+set -u
+tool="$1"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+passes=0
+
+check() {  # description, expected status, command...
+  local description=$1 expected=$2
+  shift 2
+  "$@" >"$work/out" 2>"$work/err"
+  local status=$?
+  if [ "$status" -ne "$expected" ]; then
+    echo "FAIL: $description: exit status $status, expected $expected"; cat "$work/err"
+    failures=$((failures + 1))
+    return 1
+  fi
+  passes=$((passes + 1))
+}
+
+contains() {  # description, file, text
+  if grep -qF -- "$3" "$2"; then passes=$((passes + 1)); else
+    echo "FAIL: $1: no \"$3\" in:"; cat "$2"; failures=$((failures + 1)); fi
+}
+
+one_line() {  # description: stderr holds one line
+  if [ "$(wc -l <"$work/err")" -eq 1 ]; then passes=$((passes + 1)); else
+    echo "FAIL: $1: stderr is not one line:"; cat "$work/err"; failures=$((failures + 1)); fi
+}
+
+# Render then decode gives back every operation with its arguments.
+render_decode() {  # operation, expected decode text, arguments...
+  local operation=$1 expected=$2
+  shift 2
+  check "render $operation" 0 "$tool" render "$operation" "$@" --out "$work/$operation.wav" &&
+    check "decode $operation" 0 "$tool" decode "$work/$operation.wav" &&
+    contains "decode $operation" "$work/out" "$expected"
+}
+render_decode doAquireDeviceState "acquire"
+render_decode doGetTankId "getTankId"
+render_decode doEcho "echo number 4294967295" 4294967295
+render_decode doLightLed "lightLed rgb(255, 0, 128) special 7 time -1 ms" 255 0 128 7 -1
+render_decode doSprayWithLightLed "sprayWithLightLed rgb(1, 2, 3) special 4 time 1000 ms" 1 2 3 4 5000
+render_decode doSprayWithLightLedGetTankId \
+  "sprayWithLightLedGetTankId rgb(9, 8, 7) special 6 time 100 ms" 9 8 7 6 -20
+check "render writes targetFrames" 0 "$tool" --json render doEcho 1 --out "$work/echo.wav"
+contains "render frames" "$work/out" '"frames": 17640'
+check "decode --json" 0 "$tool" --json decode "$work/doEcho.wav"
+contains "decode json" "$work/out" '"command": "echo"'
+
+# Bad input: one line on stderr; 2 for usage, 1 for failures, 3 for no device.
+check "unknown subcommand" 2 "$tool" bogus && one_line "unknown subcommand"
+check "unknown option" 2 "$tool" --loud status && one_line "unknown option"
+check "colour above 255" 2 "$tool" --device virtual flash 256 0 0 && one_line "colour"
+check "time beyond 16 bits" 2 "$tool" --device virtual puff 1 2 3 --time 40000 && one_line "time"
+check "not a number" 2 "$tool" --device virtual echo twelve && one_line "not a number"
+check "bad device" 2 "$tool" --device speakers status && one_line "bad device"
+check "render argument" 2 "$tool" render doLightLed 1 2 3 4 --out "$work/x.wav" && one_line "arguments"
+check "render range" 2 "$tool" render doLightLed 1 2 300 4 5 --out "$work/x.wav" && one_line "range"
+check "missing file" 1 "$tool" decode "$work/none.wav" && one_line "missing file"
+echo "not audio" >"$work/text.wav"
+check "not a WAV" 1 "$tool" decode "$work/text.wav" && one_line "not a WAV"
+contains "not a WAV" "$work/err" "is not a WAV file"
+head -c 44 "$work/doEcho.wav" >"$work/empty.wav"
+check "no samples" 1 "$tool" decode "$work/empty.wav" && one_line "no samples"
+contains "no samples" "$work/err" "holds no samples"
+check "unwritable output" 1 "$tool" render doEcho 1 --out "$work/none/x.wav" && one_line "unwritable"
+if ls "$work"/none* "$work"/*.partial >/dev/null 2>&1; then
+  echo "FAIL: a partial file was left behind"; failures=$((failures + 1)); fi
+check "no device" 3 "$tool" --device virtual --route Speaker puff 1 2 3 && one_line "no device"
+contains "no device" "$work/err" "No device."
+check "no server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" status && one_line "no server"
+contains "no server" "$work/err" "--device virtual"
+
+# The virtual accessory shows what it did; the skip switch sends without a route.
+check "virtual puff" 0 "$tool" --device virtual puff 255 64 0 --time 2000
+contains "virtual puff" "$work/out" "accessory: sprays for 1000 ms, LED rgb(255, 64, 0)"
+check "skip precheck" 0 "$tool" --device virtual --route Speaker --skip-precheck flash 0 0 255
+contains "skip precheck" "$work/out" "accessory: LED rgb(0, 0, 255) special 0 for 500 ms"
+check "tank" 0 "$tool" --device virtual --json tank
+contains "tank" "$work/out" '"base64": "bbwAAAAAAA=="'
+check "wav device" 0 "$tool" --device "wav:$work/played.wav" flash 1 2 3
+check "decode what the wav device heard" 0 "$tool" decode "$work/played.wav"
+contains "wav device" "$work/out" "lightLed rgb(1, 2, 3)"
+
+# listen decodes a puff that a second process plays through the headphone sink.
+if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
+  "$tool" listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
+  listener=$!
+  for _ in $(seq 100); do grep -q "listening" "$work/listen.err" 2>/dev/null && break; sleep 0.05; done
+  check "puff on the server" 0 "$tool" puff 12 34 56 --time 700
+  wait "$listener"
+  contains "listen" "$work/listen" "sprayWithLightLedGetTankId rgb(12, 34, 56) special 0 time 700 ms"
+  contains "listen" "$work/listen" "accessory sprays for 700 ms"
+  check "status on the server" 0 "$tool" status
+  contains "status" "$work/out" "route: Headphones"
+  contains "status" "$work/out" "device: present"
+else
+  echo "listen: skipped (no test PulseAudio server)"
+fi
+
+echo "tool: $passes passed, $failures failed"
+[ "$failures" -eq 0 ]
