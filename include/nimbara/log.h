@@ -10,24 +10,24 @@
 
 namespace nimbara {
 
-/* Receives one log line, without time prefix and without newline, in the
+/** Receives one log line, without time prefix and without newline, in the
  * order the lines were written, one line at a time. It is called on the
  * thread that wrote the line, except for the audio thread's lines, which
  * reach it on the library's log thread: a slow sink delays the log, never the
  * sound. A sink that throws loses that line and nothing else. */
 using LogSink = std::function<void(std::string_view line)>;
 
-/* Replaces the sink; an empty function silences the library. Lines written
+/** Replaces the sink; an empty function silences the library. Lines written
  * before the call are delivered to the old sink first. The default sink writes
  * each line to stderr with a local time prefix, the process name and its id. */
 NIMBARA_API void setLogSink(LogSink sink);
 
-/* Waits until every line written so far has reached the sink: lines of other
+/** Waits until every line written so far has reached the sink: lines of other
  * threads are out when the call that wrote them returns; this waits for the
  * audio thread's too. */
 NIMBARA_API void flushLog();
 
-/* Lines of the audio thread that were dropped because the log was full. */
+/** Lines of the audio thread that were dropped because the log was full. */
 NIMBARA_API unsigned long long droppedLogLines();
 
 }  // namespace nimbara

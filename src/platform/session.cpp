@@ -1,6 +1,7 @@
 // The current backend, the session calls and the thread pause.
 #include <nimbara/platform/backend.h>
 #include <nimbara/platform/virtual_device.h>
+#include <nimbara/platform/wav_device.h>
 #ifdef NIMBARA_HAVE_PULSE
 #include <nimbara/platform/pulse_device.h>
 #endif
@@ -8,6 +9,8 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <string>
+#include <string_view>
 #include <thread>
 
 namespace nimbara::platform {
@@ -96,4 +99,26 @@ int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity) {
 
 void nimbaraThreadSleep(double seconds) {
   currentBackend()->sleep(seconds);
+}
+
+int32_t nimbaraAudioUseBackend(const char* name) {
+  using namespace nimbara::platform;
+  if (name == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  const std::string_view choice(name);
+  if (choice == "virtual") {
+    setBackend(std::make_shared<VirtualDevice>());
+  } else if (choice.rfind("wav:", 0) == 0 && choice.size() > 4) {
+    setBackend(std::make_shared<WavDevice>(std::string(choice.substr(4))));
+#ifdef NIMBARA_HAVE_PULSE
+  } else if (choice == "pulse") {
+    setBackend(std::make_shared<PulseDevice>());
+#endif
+  } else {
+    return NIMBARA_AUDIO_ERR_INVALID;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+void nimbaraAudioWaitUntilIdle(void) {
+  nimbara::platform::waitUntilIdle();
 }

@@ -15,7 +15,7 @@ namespace nimbara {
 
 using UserInfo = std::map<std::string, std::string>;
 
-/* An exception with a name, a reason and optional user info. */
+/** An exception with a name, a reason and optional user info. */
 class NIMBARA_API Exception : public std::exception {
  public:
   Exception(std::string name, std::string reason, UserInfo userInfo = {});
@@ -30,7 +30,7 @@ class NIMBARA_API Exception : public std::exception {
   UserInfo userInfo_;
 };
 
-/* Raised by the library, named "NimbaraException". The one code raised is 1,
+/** Raised by the library, named "NimbaraException". The one code raised is 1,
  * with the reason "errorCode=1, No device.": no device on the audio route. */
 class NIMBARA_API NimbaraException : public Exception {
  public:
@@ -46,7 +46,7 @@ class NIMBARA_API NimbaraException : public Exception {
   std::atomic<int> errorCode_{0};
 };
 
-/* An error object: a domain, a code and user info. */
+/** An error object: a domain, a code and user info. */
 struct Error {
   std::string domain;
   int code = 0;

@@ -9,14 +9,14 @@
 
 NIMBARA_BEGIN_C
 
-/* True when the route name contains "HeadsetInOut" or "Headphone" (case
+/** True when the route name contains "HeadsetInOut" or "Headphone" (case
  * matters); false when the route cannot be read. */
 NIMBARA_API bool isHeadsetPluggedIn(void);
 
-/* Logs "checkDevice() -> Judge HeadsetPlugged." and asks isHeadsetPluggedIn. */
+/** Logs "checkDevice() -> Judge HeadsetPlugged." and asks isHeadsetPluggedIn. */
 NIMBARA_API bool checkDeviceForInternal(void);
 
-/* The place of a presence test by the microphone, which is not performed:
+/** The place of a presence test by the microphone, which is not performed:
  * always false. */
 NIMBARA_API bool checkDeviceByMicWaveForInternal(void);
 

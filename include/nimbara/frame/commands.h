@@ -12,17 +12,17 @@
 
 NIMBARA_BEGIN_C
 
-NIMBARA_API FrameNode* createAcquireProtocol(void);   /* opcode 1, parameter 0x00 */
-NIMBARA_API FrameNode* createGetTankIdProtocol(void); /* opcode 3, parameter 0x00 */
+NIMBARA_API FrameNode* createAcquireProtocol(void);   /**< opcode 1, parameter 0x00 */
+NIMBARA_API FrameNode* createGetTankIdProtocol(void); /**< opcode 3, parameter 0x00 */
 NIMBARA_API FrameNode* createLightLedProtocol(uint8_t red, uint8_t green, uint8_t blue,
-                                              uint8_t special, int16_t time); /* opcode 4 */
+                                              uint8_t special, int16_t time); /**< opcode 4 */
 NIMBARA_API FrameNode* createSprayWithLightLedProtocol(uint8_t red, uint8_t green, uint8_t blue,
-                                                       uint8_t special, int16_t time); /* 2 */
+                                                       uint8_t special, int16_t time); /**< 2 */
 NIMBARA_API FrameNode* createSprayWithLightLedGetTankIdProtocol(uint8_t red, uint8_t green,
                                                                 uint8_t blue, uint8_t special,
-                                                                int16_t time); /* opcode 5 */
-NIMBARA_API FrameNode* createSprayProtocol(int16_t time);   /* opcode 2, 16-bit time */
-NIMBARA_API FrameNode* createEchoProtocol(uint32_t number); /* opcode 255, 32-bit number */
+                                                                int16_t time); /**< opcode 5 */
+NIMBARA_API FrameNode* createSprayProtocol(int16_t time);   /**< opcode 2, 16-bit time */
+NIMBARA_API FrameNode* createEchoProtocol(uint32_t number); /**< opcode 255, 32-bit number */
 
 NIMBARA_END_C
 

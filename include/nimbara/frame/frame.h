@@ -10,14 +10,14 @@
 NIMBARA_BEGIN_C
 
 typedef struct FrameNode {
-  ProtocolUnit* protocol; /* the unit this node sends; null once released */
-  uint32_t bitIndex;      /* renderer cursor: element being sent */
-  uint32_t sampleIndex;   /* renderer cursor: sample inside the current bit's waveform */
-  uint8_t owned;          /* bit 0: this node releases its unit (unless the unit is static) */
-  struct FrameNode* next; /* null at the last node */
+  ProtocolUnit* protocol; /**< the unit this node sends; null once released */
+  uint32_t bitIndex;      /**< renderer cursor: element being sent */
+  uint32_t sampleIndex;   /**< renderer cursor: sample inside the current bit's waveform */
+  uint8_t owned;          /**< bit 0: this node releases its unit (unless the unit is static) */
+  struct FrameNode* next; /**< null at the last node */
 } FrameNode;
 
-/* Wraps a command unit and a parameter unit into the 11-node frame:
+/** Wraps a command unit and a parameter unit into the 11-node frame:
  * wake-up, then twice silence, command, parameter, even parity and stop bits.
  * The second repetition shares the first one's units. The fixed units must
  * exist (initProtocolUnit); command and parameter must be distinct records
@@ -25,7 +25,7 @@ typedef struct FrameNode {
  * the units then stay the caller's. */
 NIMBARA_API FrameNode* buildProtocol(ProtocolUnit* command, ProtocolUnit* parameter);
 
-/* Releases a frame: every node, and every non-static unit of an owning node,
+/** Releases a frame: every node, and every non-static unit of an owning node,
  * once, logging " name=%s -> free" for each unit. Accepts null. */
 NIMBARA_API void freeProtocolFrame(FrameNode* frame);
 

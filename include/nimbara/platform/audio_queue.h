@@ -13,28 +13,28 @@
 
 NIMBARA_BEGIN_C
 
-/* Statuses: 0 for success, negative for the layer's own failures. */
+/** Statuses: 0 for success, negative for the layer's own failures. */
 enum {
   NIMBARA_AUDIO_OK = 0,
-  NIMBARA_AUDIO_ERR_NO_SERVER = -1, /* the audio server cannot be reached */
-  NIMBARA_AUDIO_ERR_FORMAT = -2,    /* the stream format is not 44100 Hz s16 stereo PCM */
-  NIMBARA_AUDIO_ERR_DISPOSED = -3,  /* the queue has been disposed of */
-  NIMBARA_AUDIO_ERR_INVALID = -4,   /* a null or malformed argument */
-  NIMBARA_AUDIO_ERR_NO_MEMORY = -5, /* memory or the queue's buffer slots ran out */
-  NIMBARA_AUDIO_ERR_BUSY = -6,      /* buffer already enqueued, or queue already started */
-  NIMBARA_AUDIO_ERR_IO = -7,        /* the output (a file, a stream) failed */
-  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,  /* the current route cannot be read */
-  NIMBARA_AUDIO_ERR_STREAM = -9     /* the server refused the playback stream */
+  NIMBARA_AUDIO_ERR_NO_SERVER = -1, /**< the audio server cannot be reached */
+  NIMBARA_AUDIO_ERR_FORMAT = -2,    /**< the stream format is not 44100 Hz s16 stereo PCM */
+  NIMBARA_AUDIO_ERR_DISPOSED = -3,  /**< the queue has been disposed of */
+  NIMBARA_AUDIO_ERR_INVALID = -4,   /**< a null or malformed argument */
+  NIMBARA_AUDIO_ERR_NO_MEMORY = -5, /**< memory or the queue's buffer slots ran out */
+  NIMBARA_AUDIO_ERR_BUSY = -6,      /**< buffer already enqueued, or queue already started */
+  NIMBARA_AUDIO_ERR_IO = -7,        /**< the output (a file, a stream) failed */
+  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,  /**< the current route cannot be read */
+  NIMBARA_AUDIO_ERR_STREAM = -9     /**< the server refused the playback stream */
 };
 
-/* Text of a status, for messages; never null. */
+/** Text of a status, for messages; never null. */
 NIMBARA_API const char* nimbaraAudioStatusText(int32_t status);
 
-/* An output queue. The handle stays valid memory until it is released, even
+/** An output queue. The handle stays valid memory until it is released, even
  * after the queue has been disposed of. */
 typedef struct NimbaraAudioQueue* NimbaraAudioQueueRef;
 
-/* One buffer of the queue: audio data of a fixed capacity, of which
+/** One buffer of the queue: audio data of a fixed capacity, of which
  * audioDataByteSize bytes are played. Allocated zero-filled. */
 typedef struct NimbaraAudioBuffer {
   uint32_t audioDataBytesCapacity;
@@ -43,10 +43,10 @@ typedef struct NimbaraAudioBuffer {
 } NimbaraAudioBuffer;
 typedef NimbaraAudioBuffer* NimbaraAudioBufferRef;
 
-/* The stream description, field by field as the audio platforms order it. */
+/** The stream description, field by field as the audio platforms order it. */
 typedef struct NimbaraStreamFormat {
   double sampleRate;
-  uint32_t formatID; /* NIMBARA_FORMAT_LINEAR_PCM */
+  uint32_t formatID; /**< NIMBARA_FORMAT_LINEAR_PCM */
   uint32_t formatFlags;
   uint32_t bytesPerPacket;
   uint32_t framesPerPacket;
@@ -56,11 +56,11 @@ typedef struct NimbaraStreamFormat {
   uint32_t reserved;
 } NimbaraStreamFormat;
 
-#define NIMBARA_FORMAT_LINEAR_PCM 0x6C70636Du /* 'lpcm' */
+#define NIMBARA_FORMAT_LINEAR_PCM 0x6C70636Du /**< 'lpcm' */
 #define NIMBARA_FORMAT_FLAG_SIGNED_INTEGER 4u
 #define NIMBARA_FORMAT_FLAG_PACKED 8u
 
-/* The output callback. Called once for each buffer after that buffer has been
+/** The output callback. Called once for each buffer after that buffer has been
  * played, on the queue's own thread, never concurrently with itself. After an
  * immediate dispose every buffer still enqueued comes back through it exactly
  * once, unplayed; a queue disposed of before it was started returns none.
@@ -69,36 +69,46 @@ typedef struct NimbaraStreamFormat {
 typedef void (*NimbaraAudioQueueOutputCallback)(void* userData, NimbaraAudioQueueRef queue,
                                                 NimbaraAudioBufferRef buffer);
 
-/* Creates an output queue on the current backend; the format must be 44100 Hz,
+/** Creates an output queue on the current backend; the format must be 44100 Hz,
  * 16-bit signed packed linear PCM, 2 channels. */
 NIMBARA_API int32_t nimbaraAudioQueueNewOutput(const NimbaraStreamFormat* format,
                                                NimbaraAudioQueueOutputCallback callback,
                                                void* userData, uint32_t flags,
                                                NimbaraAudioQueueRef* outQueue);
-/* At most NIMBARA_AUDIO_MAX_BUFFERS buffers per queue. */
+/** At most NIMBARA_AUDIO_MAX_BUFFERS buffers per queue. */
 #define NIMBARA_AUDIO_MAX_BUFFERS 16
 NIMBARA_API int32_t nimbaraAudioQueueAllocateBuffer(NimbaraAudioQueueRef queue, uint32_t byteSize,
                                                     NimbaraAudioBufferRef* outBuffer);
-/* Never allocates, locks or waits: safe inside the output callback. */
+/** Never allocates, locks or waits: safe inside the output callback. */
 NIMBARA_API int32_t nimbaraAudioQueueEnqueueBuffer(NimbaraAudioQueueRef queue,
                                                    NimbaraAudioBufferRef buffer);
 NIMBARA_API int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue);
-/* Stops the output at once (immediate must be true; there is no deferred mode).
+/** Stops the output at once (immediate must be true; there is no deferred mode).
  * Safe inside the output callback. */
 NIMBARA_API int32_t nimbaraAudioQueueDispose(NimbaraAudioQueueRef queue, bool immediate);
-/* Gives the handle back. A queue still running is stopped without further
+/** Gives the handle back. A queue still running is stopped without further
  * callbacks. The queue's memory goes once its thread has finished too. */
 NIMBARA_API void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue);
 
-/* The audio session of the current backend. */
+/** The audio session of the current backend. */
 NIMBARA_API int32_t nimbaraAudioSessionInitialize(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetCategoryPlayback(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetActive(bool active);
 NIMBARA_API int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate);
-/* Copies the current route's name, zero-terminated and cut to capacity. */
+/** Copies the current route's name, zero-terminated and cut to capacity. */
 NIMBARA_API int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity);
 
-/* The thread pause, on the current backend's clock (a fast virtual clock
+/** Chooses the backend for new queues and session calls, by name: "pulse"
+ * (the sound server), "virtual" (in memory, real time) or "wav:PATH" (into a
+ * WAV file). NIMBARA_AUDIO_ERR_INVALID for any other name. */
+NIMBARA_API int32_t nimbaraAudioUseBackend(const char* name);
+
+/** Waits until every queue's thread has finished: the last callbacks of a
+ * transmission run after its caller has returned, and a WAV file is complete
+ * only then. */
+NIMBARA_API void nimbaraAudioWaitUntilIdle(void);
+
+/** The thread pause, on the current backend's clock (a fast virtual clock
  * shortens it). */
 NIMBARA_API void nimbaraThreadSleep(double seconds);
 

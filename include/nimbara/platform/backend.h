@@ -14,60 +14,60 @@
 
 namespace nimbara::platform {
 
-/* The platform calls a backend can be told to fail (see VirtualDevice). */
+/** The platform calls a backend can be told to fail (see VirtualDevice). */
 enum class Call { NewOutput, AllocateBuffer, Start, Enqueue, RouteQuery };
 
-/* One playback stream of a backend, fed by one queue's thread. */
+/** One playback stream of a backend, fed by one queue's thread. */
 class NIMBARA_API OutputStream {
  public:
   virtual ~OutputStream() = default;
-  /* Sees every buffer as it is enqueued, on the enqueuing thread. Must not
+  /** Sees every buffer as it is enqueued, on the enqueuing thread. Must not
    * allocate, lock or wait. */
   virtual void enqueued(const std::int16_t* samples, std::size_t frames);
-  /* Plays one buffer of interleaved stereo frames on the queue's thread and
+  /** Plays one buffer of interleaved stereo frames on the queue's thread and
    * returns once the output has taken it: the backend's clock paces here.
    * Returns early once `stop` is set. Must not allocate or lock. */
   virtual void play(const std::int16_t* samples, std::size_t frames,
                     const std::atomic<bool>& stop) = 0;
-  /* Called once on the queue's thread after the last callback, outside the
+  /** Called once on the queue's thread after the last callback, outside the
    * real-time path: flush, close, tear down. */
   virtual void close();
 };
 
-/* An audio output and its session. Every call but OutputStream's runs on the
+/** An audio output and its session. Every call but OutputStream's runs on the
  * application's threads. */
 class NIMBARA_API Backend {
  public:
   virtual ~Backend() = default;
   virtual const char* name() const = 0;
-  /* Opens a stream for the format, already checked to be 44100 Hz s16 stereo. */
+  /** Opens a stream for the format, already checked to be 44100 Hz s16 stereo. */
   virtual std::int32_t openStream(const NimbaraStreamFormat& format,
                                   std::unique_ptr<OutputStream>* stream) = 0;
-  /* The current route's name. */
+  /** The current route's name. */
   virtual std::int32_t routeName(std::string* name) = 0;
   virtual std::int32_t initializeSession();
   virtual std::int32_t setCategoryPlayback();
   virtual std::int32_t setActive(bool active);
   virtual std::int32_t setPreferredSampleRate(double rate);
-  /* The thread pause on this backend's clock; real time by default. */
+  /** The thread pause on this backend's clock; real time by default. */
   virtual void sleep(double seconds);
-  /* A status to fail the given call with (its occurrence counts from 1 per
+  /** A status to fail the given call with (its occurrence counts from 1 per
    * queue), or 0. */
   virtual std::int32_t injectedFault(Call call, unsigned occurrence);
-  /* Whether an immediate dispose hands the enqueued buffers back. */
+  /** Whether an immediate dispose hands the enqueued buffers back. */
   virtual bool returnsBuffersAfterDispose() const;
 };
 
-/* The backend for new queues and session calls. Queues keep the backend they
+/** The backend for new queues and session calls. Queues keep the backend they
  * were made on. The default is the sound server's backend when the library was
  * built with one, otherwise a virtual device. */
 NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
 NIMBARA_API std::shared_ptr<Backend> currentBackend();
 
-/* Queues whose thread is still running (a transmission's last callbacks run
+/** Queues whose thread is still running (a transmission's last callbacks run
  * after its caller has returned). */
 NIMBARA_API std::size_t activeQueues();
-/* Waits until no queue thread runs. */
+/** Waits until no queue thread runs. */
 NIMBARA_API void waitUntilIdle();
 
 }  // namespace nimbara::platform

@@ -15,7 +15,7 @@ namespace nimbara::platform {
 
 class NIMBARA_API PulseDevice : public Backend {
  public:
-  /* server: a server string such as "unix:/run/user/1000/pulse/native"; empty
+  /** server: a server string such as "unix:/run/user/1000/pulse/native"; empty
    * for libpulse's own choice (its configuration and PULSE_SERVER). */
   explicit PulseDevice(std::string server = {});
 
@@ -24,7 +24,7 @@ class NIMBARA_API PulseDevice : public Backend {
                           std::unique_ptr<OutputStream>* stream) override;
   std::int32_t routeName(std::string* name) override;
 
-  /* The default sink's volume (percent of normal, the loudest channel) and
+  /** The default sink's volume (percent of normal, the loudest channel) and
    * mute state. */
   struct OutputLevel {
     double volumePercent = 0;

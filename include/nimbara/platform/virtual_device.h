@@ -19,12 +19,12 @@ namespace nimbara::platform {
 class NIMBARA_API VirtualDevice : public Backend {
  public:
   struct Options {
-    /* Seconds of device time per second of sound: 1 plays in real time, 0.001
+    /** Seconds of device time per second of sound: 1 plays in real time, 0.001
      * a thousand times faster, 0 as fast as possible. Also scales the thread
      * pause of the playback engine's wait. */
     double timeScale = 1.0;
     std::string route = "Virtual Headphones";
-    /* Whether the samples are kept, and how many frames each stream may keep. */
+    /** Whether the samples are kept, and how many frames each stream may keep. */
     bool record = true;
     std::size_t recordLimitFrames = 44100 * 10;
   };
@@ -45,13 +45,13 @@ class NIMBARA_API VirtualDevice : public Backend {
   bool returnsBuffersAfterDispose() const override;
 
   void setRoute(std::string route);
-  /* Fails the occurrence-th call of that kind on every queue (1 for the
+  /** Fails the occurrence-th call of that kind on every queue (1 for the
    * creation, start and route query) with status; status 0 clears it. */
   void failCall(Call call, std::int32_t status, unsigned occurrence = 1);
   void clearFaults();
   void setReturnsBuffersAfterDispose(bool returns);
 
-  /* Interleaved stereo samples of the streams that have finished, in order:
+  /** Interleaved stereo samples of the streams that have finished, in order:
    * everything handed to the output, and what was played of it. */
   std::vector<std::int16_t> enqueuedSamples() const;
   std::vector<std::int16_t> playedSamples() const;

@@ -25,7 +25,7 @@ class NIMBARA_API WavDevice : public Backend {
   void sleep(double seconds) override;  // no wait: the file takes sound at once
 
   void setRoute(std::string route);
-  /* Frames written so far. */
+  /** Frames written so far. */
   std::size_t frames() const;
 
  private:
@@ -41,7 +41,7 @@ class NIMBARA_API WavDevice : public Backend {
   bool failed_ = false;
 };
 
-/* Writes interleaved 16-bit stereo samples at 44100 Hz as a WAV file. */
+/** Writes interleaved 16-bit stereo samples at 44100 Hz as a WAV file. */
 NIMBARA_API std::int32_t writeWavFile(const std::string& path, const std::int16_t* samples,
                                       std::size_t frames);
 

@@ -20,50 +20,50 @@
 
 namespace nimbara {
 
-/* One transmission as the accessory would have understood it. */
+/** One transmission as the accessory would have understood it. */
 struct Transmission {
-  double startSeconds = 0; /* where its wake-up began in the stream */
+  double startSeconds = 0; /**< where its wake-up began in the stream */
   std::uint8_t opcode = 0;
-  /* "acquire", "getTankId", "lightLed", "sprayWithLightLed",
+  /** "acquire", "getTankId", "lightLed", "sprayWithLightLed",
    * "sprayWithLightLedGetTankId", "spray", "echo" or "unknown". */
   std::string command;
-  /* The LED commands' arguments. */
+  /** The LED commands' arguments. */
   std::uint8_t red = 0, green = 0, blue = 0, special = 0;
-  /* Milliseconds: the LED commands' and the spray's time. */
+  /** Milliseconds: the LED commands' and the spray's time. */
   std::int16_t time = 0;
-  /* The echo's number. */
+  /** The echo's number. */
   std::uint32_t number = 0;
-  /* Even parity held in the first and second repetition. */
+  /** Even parity held in the first and second repetition. */
   bool parityOk[2] = {false, false};
-  /* Both repetitions were received and carry the same bits. */
+  /** Both repetitions were received and carry the same bits. */
   bool repetitionsAgree = false;
-  /* Not a command: bad parity, disagreeing or missing repetitions, or a
+  /** Not a command: bad parity, disagreeing or missing repetitions, or a
    * layout no command has. Its fields are then those of the first repetition
    * as far as they could be read. */
   bool damaged = true;
-  /* The bits of each repetition: command, parameter and parity. */
+  /** The bits of each repetition: command, parameter and parity. */
   std::string bits[2];
 };
 
-/* Push-based: feed samples in chunks of any size, collect transmissions. */
+/** Push-based: feed samples in chunks of any size, collect transmissions. */
 class NIMBARA_API Receiver {
  public:
-  /* sampleRate from 8000 to 192000 Hz, one or more interleaved channels
+  /** sampleRate from 8000 to 192000 Hz, one or more interleaved channels
    * (mixed to one). Throws std::invalid_argument outside that. */
   Receiver(double sampleRate, int channels);
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
-  /* Interleaved frames: 16-bit integers, or floats in -1..1. */
+  /** Interleaved frames: 16-bit integers, or floats in -1..1. */
   void push(const std::int16_t* samples, std::size_t frames);
   void push(const float* samples, std::size_t frames);
-  /* The end of the stream: decodes what is still pending. */
+  /** The end of the stream: decodes what is still pending. */
   void finish();
 
-  /* Transmissions decoded so far, in order; each is handed out once. */
+  /** Transmissions decoded so far, in order; each is handed out once. */
   std::vector<Transmission> take();
-  /* Called with each transmission as soon as it is decoded, in addition. */
+  /** Called with each transmission as soon as it is decoded, in addition. */
   void onTransmission(std::function<void(const Transmission&)> callback);
 
  private:
@@ -71,7 +71,7 @@ class NIMBARA_API Receiver {
   std::unique_ptr<State> state_;
 };
 
-/* Interleaved float samples of a WAV file (16-, 24- or 32-bit PCM, or 32-bit
+/** Interleaved float samples of a WAV file (16-, 24- or 32-bit PCM, or 32-bit
  * float), with its rate and channel count. */
 struct WavAudio {
   double sampleRate = 0;
@@ -79,10 +79,10 @@ struct WavAudio {
   std::vector<float> samples;
 };
 
-/* Reads a WAV file; on failure returns false and says why in *error. */
+/** Reads a WAV file; on failure returns false and says why in *error. */
 NIMBARA_API bool readWavFile(const std::string& path, WavAudio* audio, std::string* error);
 
-/* Every transmission in a whole recording. */
+/** Every transmission in a whole recording. */
 NIMBARA_API std::vector<Transmission> decodeAudio(const WavAudio& audio);
 
 }  // namespace nimbara

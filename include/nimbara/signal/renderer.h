@@ -8,7 +8,7 @@
 
 NIMBARA_BEGIN_C
 
-/* The output callback of the playback engine; userData is its PlaybackContext.
+/** The output callback of the playback engine; userData is its PlaybackContext.
  *
  * Thread: the queue's callback thread, never concurrently with itself; the
  * engine also calls it three times on the caller's thread to prime the

@@ -9,18 +9,18 @@
 
 NIMBARA_BEGIN_C
 
-/* The waveform of one bit value: one period of a square wave. */
+/** The waveform of one bit value: one period of a square wave. */
 typedef struct WaveTable {
-  int16_t* samples; /* `length` samples */
+  int16_t* samples; /**< `length` samples */
   uint32_t length;
   char name[4];
 } WaveTable;
 
-/* Builds the waveforms and fixed units unless they exist. Safe to call from
+/** Builds the waveforms and fixed units unless they exist. Safe to call from
  * several threads at once: exactly one of them builds. */
 NIMBARA_API void initProtocolUnit(void);
 
-/* Releases them. Must not run while a frame exists or a playback runs. */
+/** Releases them. Must not run while a frame exists or a playback runs. */
 NIMBARA_API void clearProtocolUnit(void);
 
 NIMBARA_END_C

@@ -13,24 +13,24 @@
 
 namespace nimbara {
 
-/* Every property is atomic: a reader never sees a torn value. Setters store
+/** Every property is atomic: a reader never sees a torn value. Setters store
  * values unchanged; the packed form keeps only the bits of each slot. */
 class NIMBARA_API TankId {
  public:
   TankId() = default;
 
-  /* "date=%d/%d/%d, scentId=%d, serialId=%d, reserve1=%d, reserve2=%d" with
+  /** "date=%d/%d/%d, scentId=%d, serialId=%d, reserve1=%d, reserve2=%d" with
    * year, month, day, scentId, serialId, reserve1, reserve2. */
   std::string description() const;
-  /* The Base64 text of the packed form: twelve characters. */
+  /** The Base64 text of the packed form: twelve characters. */
   std::string encodeBase64() const;
-  /* Sets the properties from a Base64 text of a packed form; text that does
+  /** Sets the properties from a Base64 text of a packed form; text that does
    * not hold seven bytes leaves them as they are. */
   void decodeBase64(const std::string& text);
-  /* Seven bytes, most significant bit first: year 5 bits, month 4, day 5,
+  /** Seven bytes, most significant bit first: year 5 bits, month 4, day 5,
    * scentId 10, reserve1 2, serialId 14, reserve2 16. */
   Data encode() const;
-  /* Sets every property from the first seven bytes; fewer than seven bytes
+  /** Sets every property from the first seven bytes; fewer than seven bytes
    * leave the properties as they are. */
   void decode(const Data& data);
 

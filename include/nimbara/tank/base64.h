@@ -9,14 +9,14 @@
 
 NIMBARA_BEGIN_C
 
-/* Encodes `length` bytes. With breakLines, lines of 64 characters are
+/** Encodes `length` bytes. With breakLines, lines of 64 characters are
  * separated by CR LF (none after the last line). Returns a zero-terminated
  * malloc'ed block that the caller frees, and stores the number of characters
  * in *outputLength (if not null); null when memory runs out. */
 NIMBARA_API char* NewBase64Encode(const void* input, size_t length, bool breakLines,
                                   size_t* outputLength);
 
-/* Decodes `length` characters (SIZE_MAX: the input is zero-terminated).
+/** Decodes `length` characters (SIZE_MAX: the input is zero-terminated).
  * Characters outside the alphabet, "=" and bytes from 128 up included, are
  * skipped. Returns a malloc'ed block of 3 bytes per 4 characters, rounded up,
  * that the caller frees, and stores the number of decoded bytes in
@@ -38,12 +38,12 @@ namespace nimbara {
 
 using Data = std::vector<std::uint8_t>;
 
-/* The bytes of a Base64 text. Empty for an empty text, for text that is not
+/** The bytes of a Base64 text. Empty for an empty text, for text that is not
  * pure ASCII (it cannot be converted), and for text that holds no alphabet
  * character at all (its decoded length, SIZE_MAX, cannot be honoured). */
 NIMBARA_API Data dataFromBase64String(std::string_view text);
 
-/* The Base64 text of bytes, with CR LF after every 64 characters. */
+/** The Base64 text of bytes, with CR LF after every 64 characters. */
 NIMBARA_API std::string base64EncodedString(const Data& bytes);
 
 }  // namespace nimbara
