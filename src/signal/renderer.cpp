@@ -42,6 +42,8 @@ void leaveNode(FrameNode*& node) {
 void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
                                    std::uint32_t count) {
   FrameNode* node = context->protocolFrame;
+  const WaveTable* zero = waveFor(0);
+  const WaveTable* one = waveFor(1);
   std::uint32_t i = 0;
   while (i < count && node != nullptr) {
     const ProtocolUnit* unit = node->protocol;
@@ -70,20 +72,28 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
       i += n;
       node->bitIndex += n;
     } else {
-      const WaveTable* wave = waveFor(unit->data[node->bitIndex]);
-      const std::uint32_t waveLength = wave != nullptr ? wave->length : 0;
-      if (node->sampleIndex < waveLength) {
-        const std::uint32_t n = std::min(waveLength - node->sampleIndex, count - i);
-        const std::int16_t* sample = wave->samples + node->sampleIndex;
-        std::int16_t* frames = out + 2 * i;
-        for (std::uint32_t k = 0; k < n; ++k) writeFrame(frames, k, sample[k]);
-        i += n;
-        node->sampleIndex += n;
+      // Whole bits in one go while the buffer has room; the cursors carry a
+      // bit cut by the buffer's end over to the next call.
+      std::uint32_t bit = node->bitIndex;
+      std::uint32_t sampleIndex = node->sampleIndex;
+      while (bit < length && i < count) {
+        const WaveTable* wave = unit->data[bit] != 0 ? one : zero;
+        const std::uint32_t waveLength = wave != nullptr ? wave->length : 0;
+        if (sampleIndex < waveLength) {
+          const std::uint32_t n = std::min(waveLength - sampleIndex, count - i);
+          const std::int16_t* sample = wave->samples + sampleIndex;
+          std::int16_t* frames = out + 2 * i;
+          for (std::uint32_t k = 0; k < n; ++k) writeFrame(frames, k, sample[k]);
+          i += n;
+          sampleIndex += n;
+        }
+        if (sampleIndex >= waveLength) {
+          sampleIndex = 0;
+          ++bit;
+        }
       }
-      if (node->sampleIndex >= waveLength) {
-        node->sampleIndex = 0;
-        ++node->bitIndex;
-      }
+      node->bitIndex = bit;
+      node->sampleIndex = sampleIndex;
     }
     if (node->bitIndex >= length) leaveNode(node);
   }
