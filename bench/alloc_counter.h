@@ -12,6 +12,8 @@ struct AllocationCount {
   std::uint64_t bytes = 0;
 };
 
+// Counting is off until switched on.
+void countAllocations(bool on);
 AllocationCount allocationsSoFar();
 
 }  // namespace bench

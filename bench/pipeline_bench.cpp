@@ -43,8 +43,12 @@ void callbackCost(benchmark::State& state, bool logging) {
   nimbara::platform::setBackend(nullptr);
 }
 
-void BM_CallbackLoggingOff(benchmark::State& state) { callbackCost(state, false); }
-void BM_CallbackLoggingOn(benchmark::State& state) { callbackCost(state, true); }
+void BM_CallbackLoggingOff(benchmark::State& state) {
+  callbackCost(state, false);
+}
+void BM_CallbackLoggingOn(benchmark::State& state) {
+  callbackCost(state, true);
+}
 
 // What a frame needs from the allocator, alone: 11 nodes, two unit records
 // and their element blocks.
@@ -66,12 +70,14 @@ void BM_AllocationsPerTransmission(benchmark::State& state) {
   nimbara::setLogSink({});
   nimbara::platform::setBackend(fastDevice());
   bench::AllocationCount before{}, after{};
+  bench::countAllocations(true);
   for (auto _ : state) {
     before = bench::allocationsSoFar();
     executeFunction(createSprayWithLightLedProtocol(255, 128, 0, 1, 500), 1, 35280, nullptr);
     nimbara::platform::waitUntilIdle();
     after = bench::allocationsSoFar();
   }
+  bench::countAllocations(false);
   state.counters["allocations"] = static_cast<double>(after.allocations - before.allocations);
   state.counters["bytes"] = static_cast<double>(after.bytes - before.bytes);
   nimbara::platform::setBackend(nullptr);

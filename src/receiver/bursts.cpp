@@ -28,7 +28,9 @@ BurstDetector::BurstDetector(double sampleRate)
       envelopeRing_(std::max<std::size_t>(4, std::lround(44 * scale_)), 0.0f),
       blockMeans_(kNoiseBlocks, 1e9f),
       blockLength_(std::max<std::uint64_t>(1, std::llround(0.005 * sampleRate))),
-      peakDecay_(static_cast<float>(std::exp(-1.0 / (0.3 * sampleRate)))) {}
+      peakDecay_(static_cast<float>(std::exp(-1.0 / (0.3 * sampleRate)))),
+      smoothScale_(1.0 / smoothRing_.size()),
+      envelopeScale_(1.0 / envelopeRing_.size()) {}
 
 std::uint64_t BurstDetector::secondRepetitionWindow() const {
   // A second payload is only seen once it has ended: the silence, then the
@@ -36,7 +38,13 @@ std::uint64_t BurstDetector::secondRepetitionWindow() const {
   return static_cast<std::uint64_t>((446 + 57 * 40 + 200) * scale_);
 }
 
-std::optional<Burst> BurstDetector::push(float sample) {
+void BurstDetector::push(const float* samples, std::size_t count, std::vector<Burst>& ended) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (auto burst = pushOne(samples[i])) ended.push_back(std::move(*burst));
+  }
+}
+
+inline std::optional<Burst> BurstDetector::pushOne(float sample) {
   const std::uint64_t n = count_++;
   dc_ += dcAlpha_ * (sample - dc_);
   const auto x = static_cast<float>(sample - dc_);
@@ -44,12 +52,12 @@ std::optional<Burst> BurstDetector::push(float sample) {
   smoothSum_ += x - smoothRing_[smoothPos_];
   smoothRing_[smoothPos_] = x;
   if (++smoothPos_ == smoothRing_.size()) smoothPos_ = 0;
-  const auto y = static_cast<float>(smoothSum_ / smoothRing_.size());
+  const auto y = static_cast<float>(smoothSum_ * smoothScale_);
 
   envelopeSum_ += std::fabs(y) - envelopeRing_[envelopePos_];
   envelopeRing_[envelopePos_] = std::fabs(y);
   if (++envelopePos_ == envelopeRing_.size()) envelopePos_ = 0;
-  const float envelope = static_cast<float>(envelopeSum_ / envelopeRing_.size());
+  const float envelope = static_cast<float>(envelopeSum_ * envelopeScale_);
   blockSum_ += envelope;
   if (++blockFill_ == blockLength_) {
     blockMeans_[blockIndex_] = static_cast<float>(blockSum_ / blockLength_);

@@ -25,8 +25,8 @@ class BurstDetector {
  public:
   explicit BurstDetector(double sampleRate);
 
-  // One mono sample; returns a payload when one has just ended.
-  std::optional<Burst> push(float sample);
+  // Mono samples; payloads that end among them are added to `ended`.
+  void push(const float* samples, std::size_t count, std::vector<Burst>& ended);
   std::optional<Burst> finish();
 
   std::uint64_t samplesSince(std::uint64_t sample) const { return count_ - sample; }
@@ -39,7 +39,7 @@ class BurstDetector {
     float peak;    // largest magnitude inside it
   };
 
-  void crossing(double at);
+  std::optional<Burst> pushOne(float sample);
   std::optional<Burst> closeRun();
 
   const double scale_;  // input samples per sample at 44100 Hz
@@ -63,6 +63,8 @@ class BurstDetector {
   float noiseFloor_ = 1e9f;
   float peak_ = 0;  // the envelope's recent maximum, slowly decaying
   const float peakDecay_;
+  const double smoothScale_;    // 1 / the smoothing length
+  const double envelopeScale_;  // 1 / the envelope length
   // zero crossings with hysteresis
   int polarity_ = 0;  // sign of the current half, 0 before the first
   float previous_ = 0;

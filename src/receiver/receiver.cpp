@@ -20,8 +20,30 @@ namespace nimbara {
 struct Receiver::State {
   State(double rate, int channelCount) : channels(channelCount), bursts(rate) {}
 
-  void pushMono(float sample) {
-    if (auto burst = bursts.push(sample)) onBurst(*burst);
+  // Mono samples, a block at a time.
+  void pushMono(const float* samples, std::size_t count) {
+    bursts.push(samples, count, ended);
+    for (const receiver::Burst& burst : ended) onBurst(burst);
+    ended.clear();
+  }
+
+  // Interleaved frames of any sample type, mixed to mono in blocks.
+  template <typename Sample>
+  void pushFrames(const Sample* samples, std::size_t frames, float scale) {
+    float mono[512];
+    const float gain = scale / channels;
+    while (frames > 0) {
+      const std::size_t n = std::min<std::size_t>(frames, 512);
+      for (std::size_t f = 0; f < n; ++f) {
+        float sum = 0;
+        for (int c = 0; c < channels; ++c) sum += samples[f * channels + c];
+        mono[f] = sum * gain;
+      }
+      pushMono(mono, n);
+      samples += n * channels;
+      frames -= n;
+    }
+    checkTimeout();
   }
 
   void onBurst(const receiver::Burst& burst) {
@@ -56,6 +78,7 @@ struct Receiver::State {
   const int channels;
   receiver::BurstDetector bursts;
   std::optional<receiver::Burst> pending;
+  std::vector<receiver::Burst> ended;
   std::vector<Transmission> decoded;
   std::function<void(const Transmission&)> callback;
 };
@@ -71,23 +94,11 @@ Receiver::Receiver(double sampleRate, int channels) {
 Receiver::~Receiver() = default;
 
 void Receiver::push(const std::int16_t* samples, std::size_t frames) {
-  const int channels = state_->channels;
-  for (std::size_t f = 0; f < frames; ++f) {
-    float sum = 0;
-    for (int c = 0; c < channels; ++c) sum += samples[f * channels + c];
-    state_->pushMono(sum / (32768.0f * channels));
-  }
-  state_->checkTimeout();
+  state_->pushFrames(samples, frames, 1.0f / 32768.0f);
 }
 
 void Receiver::push(const float* samples, std::size_t frames) {
-  const int channels = state_->channels;
-  for (std::size_t f = 0; f < frames; ++f) {
-    float sum = 0;
-    for (int c = 0; c < channels; ++c) sum += samples[f * channels + c];
-    state_->pushMono(sum / channels);
-  }
-  state_->checkTimeout();
+  state_->pushFrames(samples, frames, 1.0f);
 }
 
 void Receiver::finish() {
