@@ -94,7 +94,7 @@ TEST_F(FrameTest, ReleaseFreesOwnedUnitsOnceInSendingOrder) {
                           "#freeProtocolFrame"));
   // The fixed units outlive every frame.
   EXPECT_EQ(bitsOf(fixed::data0x00), "00000000");
-  EXPECT_EQ(fixed::wakeUp->length, 220);
+  EXPECT_EQ(fixed::wakeUp.load()->length, 220);
 }
 
 TEST_F(FrameTest, CommandCatalogueOpcodesAndParameters) {

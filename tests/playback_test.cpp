@@ -7,8 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <string>
 #include <thread>
@@ -242,34 +240,6 @@ TEST(Playback, TwoThreadsPlayAtOnceEachOnItsOwnQueue) {
   otherOrder.insert(otherOrder.end(), acquire.begin(), acquire.end());
   const auto handed = output->enqueuedSamples();
   EXPECT_TRUE(handed == oneOrder || handed == otherOrder);
-}
-
-// Entries of a /proc folder: open descriptors or threads of this process.
-std::size_t entriesIn(const char* folder) {
-  std::size_t count = 0;
-  if (DIR* dir = opendir(folder)) {
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-  }
-  return count;
-}
-
-TEST(Playback, AThousandTransmissionsLeaveNoThreadsOrDescriptorsBehind) {
-  nimbara::platform::VirtualDevice::Options options;
-  options.timeScale = 0;
-  options.record = false;
-  VirtualOutput output(options);
-  nimbara::setLogSink({});
-  const std::size_t fds = entriesIn("/proc/self/fd");
-  const std::size_t threads = entriesIn("/proc/self/task");
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(executeFunction(createEchoProtocol(static_cast<std::uint32_t>(i)), 3, 35280, nullptr),
-              0);
-  }
-  nimbara::platform::waitUntilIdle();
-  EXPECT_EQ(nimbara::platform::activeQueues(), 0u);
-  EXPECT_EQ(entriesIn("/proc/self/fd"), fds);
-  EXPECT_EQ(entriesIn("/proc/self/task"), threads);
 }
 
 }  // namespace

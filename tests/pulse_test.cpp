@@ -4,6 +4,7 @@
 #include <nimbara/api/NimbaraSDK.h>
 #include <nimbara/device/route.h>
 #include <nimbara/frame/commands.h>
+#include <nimbara/log.h>
 #include <nimbara/platform/pulse_device.h>
 #include <nimbara/signal/playback.h>
 
@@ -189,6 +190,45 @@ TEST_F(PulseTest, AFacadePuffReachesTheHeadphonesAndNoDeviceSendsNothing) {
   ASSERT_EQ(std::system("pactl set-default-sink headphones"), 0);
   EXPECT_THAT(log.take(), ::testing::Not(::testing::Contains("#executeFunction 35280")));
   nimbara::setRunLoopPause({});
+}
+
+TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
+  REQUIRE_TEST_SERVER();
+  nimbara::setLogSink({});
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>());
+  TempDir dir;
+  MonitorRecording recording("headphones.monitor", dir.path / "monitor.raw");
+  ASSERT_TRUE(recording.started());
+  // Both cores kept busy for the whole run.
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> load;
+  for (int i = 0; i < 2; ++i) {
+    load.emplace_back([&stop] {
+      volatile std::uint64_t spin = 0;
+      while (!stop.load(std::memory_order_relaxed)) spin = spin + 1;
+    });
+  }
+  constexpr int kTransmissions = 100;
+  for (int i = 0; i < kTransmissions; ++i) {
+    EXPECT_EQ(
+        executeFunction(createLightLedProtocol(static_cast<std::uint8_t>(i), 255 - i, 7, 0, 100), 1,
+                        35280, nullptr),
+        0);
+  }
+  nimbara::platform::waitUntilIdle();
+  stop = true;
+  for (auto& thread : load) thread.join();
+  auto frame = [](int i) { return nimbara::test::ledCommandSignal(4, i, 255 - i, 7, 0, 100, 0); };
+  ASSERT_TRUE(recording.contains(frame(kTransmissions - 1)));
+  const auto samples = readSamples(dir.path / "monitor.raw");
+  int exact = 0;
+  for (int i = 0; i < kTransmissions; ++i) {
+    const auto expected = frame(i);
+    exact += std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) !=
+             samples.end();
+  }
+  EXPECT_EQ(exact, kTransmissions);
+  nimbara::setLogSink({});
 }
 
 TEST_F(PulseTest, NoServerGivesAStatus) {

@@ -75,7 +75,7 @@ TEST(SignalUnits, BuildLogsTwiceOnlyWhenItReallyBuilds) {
   EXPECT_TRUE(log.take().empty());
   initProtocolUnit();
   EXPECT_THAT(log.take(), ElementsAre("waveNum0", "waveNum1"));
-  EXPECT_EQ(fixed::wakeUp->length, 220);
+  EXPECT_EQ(fixed::wakeUp.load()->length, 220);
 }
 
 TEST(SignalUnits, ConcurrentFirstFramesBuildTheUnitsOnce) {

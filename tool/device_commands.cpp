@@ -32,6 +32,7 @@ Output openOutput(const Globals& globals) {
     if (!globals.route.empty()) output.wav->setRoute(globals.route);
     nimbara::platform::setBackend(output.wav);
   } else {
+#ifdef NIMBARA_TOOL_PULSE
     output.pulse = std::make_shared<nimbara::platform::PulseDevice>();
     std::string route;
     if (output.pulse->routeName(&route) == NIMBARA_AUDIO_ERR_NO_SERVER) {
@@ -39,6 +40,9 @@ Output openOutput(const Globals& globals) {
           "no audio server could be reached; use --device virtual to play without one");
     }
     nimbara::platform::setBackend(output.pulse);
+#else
+    throw std::runtime_error("this build has no sound-server output; use --device virtual");
+#endif
   }
   return output;
 }
@@ -112,7 +116,9 @@ int runStatus(const Globals& globals) {
   const std::string route = routeOf();
   const bool present = isHeadsetPluggedIn();
   nimbara::platform::PulseDevice::OutputLevel level{100.0, false};
+#ifdef NIMBARA_TOOL_PULSE
   if (output.pulse && output.pulse->outputLevel(&level) != 0) level = {0.0, false};
+#endif
   if (globals.json) {
     std::printf("{\"route\": %s, \"present\": %s, \"volume\": %.0f, \"muted\": %s}\n",
                 jsonString(route).c_str(), present ? "true" : "false", level.volumePercent,

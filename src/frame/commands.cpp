@@ -30,6 +30,14 @@ void releaseUnit(ProtocolUnit* unit) {
 template <typename MakeParameter>
 FrameNode* buildCommand(std::uint8_t opcode, MakeParameter makeParameter) {
   initProtocolUnit();
+  // The fixed units stay put while the frame takes them; should another
+  // thread have cleared them meanwhile, they are made again first.
+  auto fixedUnits = nimbara::detail::useFixedUnits();
+  while (nimbara::detail::wakeUp.load(std::memory_order_acquire) == nullptr) {
+    fixedUnits.unlock();
+    initProtocolUnit();
+    fixedUnits.lock();
+  }
   ProtocolUnit* command = create8bitProtocolUnit(opcode);
   ProtocolUnit* parameter = makeParameter();
   FrameNode* frame = nullptr;

@@ -57,6 +57,7 @@ FrameNode* buildProtocol(ProtocolUnit* command, ProtocolUnit* parameter) {
     freeNodes(head);
     return nullptr;
   }
+  frameBuilt();
   dumpBit(head);
   NIMBARA_LOG("build protocol -> finished.");
   return head;
@@ -78,6 +79,9 @@ void releaseFrame(FrameNode* frame, bool logLines) {
     std::free(node);
     node = next;
   }
+  // Only now, with no node left to look at a fixed unit: the last frame's
+  // release may release fixed units that were cleared meanwhile.
+  if (frame != nullptr) frameReleased();
 }
 
 }  // namespace

@@ -36,6 +36,16 @@ class VirtualDevice::Stream : public OutputStream {
     if (scale > 0) {
       // The buffer is played once the device clock has passed its last frame.
       if (framesPlayed_ == 0) started_ = Clock::now();
+      // A buffer that comes after the device ran dry: a real output would
+      // have played silence meanwhile, so it is counted, and the clock moves.
+      const auto expectedStart =
+          started_ + std::chrono::duration_cast<Clock::duration>(
+                         std::chrono::duration<double>(framesPlayed_ / 44100.0 * scale));
+      const auto late = Clock::now() - expectedStart;
+      if (framesPlayed_ > 0 && late > std::chrono::milliseconds(5)) {
+        device_.underruns_.fetch_add(1, std::memory_order_relaxed);
+        started_ += late;
+      }
       const auto due =
           started_ + std::chrono::duration_cast<Clock::duration>(
                          std::chrono::duration<double>((framesPlayed_ + frames) / 44100.0 * scale));
@@ -115,6 +125,10 @@ std::int32_t VirtualDevice::injectedFault(Call call, unsigned occurrence) {
   const Fault& fault = faults_[static_cast<std::size_t>(call)];
   const std::int32_t status = fault.status.load(std::memory_order_acquire);
   return status != 0 && fault.occurrence.load(std::memory_order_acquire) == occurrence ? status : 0;
+}
+
+std::uint64_t VirtualDevice::underruns() const {
+  return underruns_.load(std::memory_order_relaxed);
 }
 
 bool VirtualDevice::returnsBuffersAfterDispose() const {

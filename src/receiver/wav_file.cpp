@@ -1,5 +1,7 @@
 #include <nimbara/receiver/receiver.h>
 
+#include "receiver/wav_parse.h"
+
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -30,6 +32,11 @@ bool readWavFile(const std::string& path, WavAudio* audio, std::string* error) {
   if (!in) return fail(error, "cannot read " + path);
   const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
                                          std::istreambuf_iterator<char>());
+  return receiver::parseWav(bytes, path, audio, error);
+}
+
+bool receiver::parseWav(const std::vector<unsigned char>& bytes, const std::string& path,
+                        WavAudio* audio, std::string* error) {
   if (bytes.size() < 12 || std::memcmp(bytes.data(), "RIFF", 4) != 0 ||
       std::memcmp(bytes.data() + 8, "WAVE", 4) != 0) {
     return fail(error, path + " is not a WAV file");

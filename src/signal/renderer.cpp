@@ -21,10 +21,18 @@ void writeFrame(std::int16_t* out, std::uint32_t frame, std::int16_t value) {
   std::memcpy(out + 2 * frame, &pair, sizeof pair);
 }
 
-// The waveform of one bit; null when the fixed units are gone.
-const WaveTable* waveFor(std::uint8_t element) {
-  const WaveTable* wave = element != 0 ? waveNum00 : waveNum01;
+const WaveTable* usable(const WaveTable* wave) {
   return wave != nullptr && wave->samples != nullptr && wave->length > 0 ? wave : nullptr;
+}
+
+// The two waveforms for this playback: taken at its first render (the
+// priming, on the caller's thread) and kept, so that clearing the fixed units
+// meanwhile changes nothing for a playback under way.
+void takeWaves(PlaybackContext* context) {
+  if (context->engineWaves[0] != nullptr && context->engineWaves[1] != nullptr) return;
+  if (waveNum01.load(std::memory_order_acquire) == nullptr) initProtocolUnit();
+  context->engineWaves[0] = usable(waveNum01.load(std::memory_order_acquire));
+  context->engineWaves[1] = usable(waveNum00.load(std::memory_order_acquire));
 }
 
 // Moves the cursor to the next node once the current unit is complete.
@@ -42,8 +50,9 @@ void leaveNode(FrameNode*& node) {
 void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
                                    std::uint32_t count) {
   FrameNode* node = context->protocolFrame;
-  const WaveTable* zero = waveFor(0);
-  const WaveTable* one = waveFor(1);
+  takeWaves(context);
+  const WaveTable* zero = context->engineWaves[0];
+  const WaveTable* one = context->engineWaves[1];
   std::uint32_t i = 0;
   while (i < count && node != nullptr) {
     const ProtocolUnit* unit = node->protocol;

@@ -1,29 +1,40 @@
 #include <nimbara/signal/signal_units.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <vector>
 
 #include "common/log.h"
 #include "signal/fixed_units.h"
 
 namespace nimbara::detail {
 
-WaveTable* waveNum01 = nullptr;
-WaveTable* waveNum00 = nullptr;
-ProtocolUnit* wakeUp = nullptr;
-ProtocolUnit* noSound = nullptr;
-ProtocolUnit* stopBits = nullptr;
-ProtocolUnit* data0x00 = nullptr;
-ProtocolUnit* checkZeroBit = nullptr;
-ProtocolUnit* checkOneBit = nullptr;
+std::atomic<WaveTable*> waveNum01{nullptr};
+std::atomic<WaveTable*> waveNum00{nullptr};
+std::atomic<ProtocolUnit*> wakeUp{nullptr};
+std::atomic<ProtocolUnit*> noSound{nullptr};
+std::atomic<ProtocolUnit*> stopBits{nullptr};
+std::atomic<ProtocolUnit*> data0x00{nullptr};
+std::atomic<ProtocolUnit*> checkZeroBit{nullptr};
+std::atomic<ProtocolUnit*> checkOneBit{nullptr};
 
 namespace {
 
 std::atomic<bool> initFlag{false};
-std::mutex buildMutex;
+std::shared_mutex unitsMutex;
+std::atomic<long> liveFrames{0};
+
+// A cleared set, in the order clearProtocolUnit releases it.
+struct FixedSet {
+  std::array<WaveTable*, 2> waves;  // waveNum00, waveNum01
+  std::array<ProtocolUnit*, 6>
+      units;  // stopBits, data0x00, noSound, wakeUp, checkZeroBit, checkOneBit
+};
+std::vector<FixedSet> retired;  // under unitsMutex
 
 void setName(char (&name)[4], const char* letters) {
   std::memcpy(name, letters, 3);
@@ -64,50 +75,69 @@ ProtocolUnit* makeFixedUnit(std::uint32_t kind, std::int32_t length, std::uint8_
   return unit;
 }
 
-template <typename Record>
-void release(Record*& record) {
-  if (record == nullptr) return;
-  if constexpr (std::is_same_v<Record, WaveTable>) {
-    std::free(record->samples);
-  } else {
-    std::free(record->data);
+void release(const FixedSet& set) {
+  for (WaveTable* wave : set.waves) {
+    if (wave != nullptr) std::free(wave->samples);
+    std::free(wave);
   }
-  std::free(record);
-  record = nullptr;
+  for (ProtocolUnit* unit : set.units) {
+    if (unit != nullptr) std::free(unit->data);
+    std::free(unit);
+  }
+}
+
+void releaseRetired() {
+  for (const FixedSet& set : retired) release(set);
+  retired.clear();
 }
 
 }  // namespace
+
+std::shared_lock<std::shared_mutex> useFixedUnits() {
+  return std::shared_lock<std::shared_mutex>(unitsMutex);
+}
+
+void frameBuilt() {
+  liveFrames.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void frameReleased() {
+  if (liveFrames.fetch_sub(1, std::memory_order_acq_rel) > 1) return;
+  // The last frame is gone: cleared sets can go too, unless someone holds
+  // the units right now (they will be released at the next clear).
+  std::unique_lock lock(unitsMutex, std::try_to_lock);
+  if (lock.owns_lock() && liveFrames.load(std::memory_order_acquire) <= 0) releaseRetired();
+}
+
 }  // namespace nimbara::detail
 
 using namespace nimbara::detail;
 
 void initProtocolUnit(void) {
   if (initFlag.load(std::memory_order_acquire)) return;
-  std::lock_guard lock(buildMutex);
+  std::unique_lock lock(unitsMutex);
   if (initFlag.load(std::memory_order_relaxed)) return;
   // Note the crossed names: waveNum01 is the 0-bit wave, logged as "waveNum0".
-  waveNum01 = makeWave(20, "V01");
+  waveNum01.store(makeWave(20, "V01"), std::memory_order_release);
   NIMBARA_LOG("waveNum0");
-  waveNum00 = makeWave(40, "V00");
+  waveNum00.store(makeWave(40, "V00"), std::memory_order_release);
   NIMBARA_LOG("waveNum1");
-  wakeUp = makeFixedUnit(NIMBARA_SAMPLE_UNIT, 220, 1, "WAK");
-  noSound = makeFixedUnit(NIMBARA_SAMPLE_UNIT, 441, 0, "N00");
-  stopBits = makeFixedUnit(NIMBARA_SAMPLE_UNIT, 5, 1, "S01");
-  data0x00 = makeFixedUnit(0, 8, 0, "D00");
-  checkZeroBit = makeFixedUnit(0, 1, 0, "CP0");
-  checkOneBit = makeFixedUnit(0, 1, 1, "CP1");
+  wakeUp.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 220, 1, "WAK"), std::memory_order_release);
+  noSound.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 441, 0, "N00"), std::memory_order_release);
+  stopBits.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 5, 1, "S01"), std::memory_order_release);
+  data0x00.store(makeFixedUnit(0, 8, 0, "D00"), std::memory_order_release);
+  checkZeroBit.store(makeFixedUnit(0, 1, 0, "CP0"), std::memory_order_release);
+  checkOneBit.store(makeFixedUnit(0, 1, 1, "CP1"), std::memory_order_release);
   initFlag.store(true, std::memory_order_release);
 }
 
 void clearProtocolUnit(void) {
-  std::lock_guard lock(buildMutex);
-  release(waveNum00);
-  release(waveNum01);
-  release(stopBits);
-  release(data0x00);
-  release(noSound);
-  release(wakeUp);
-  release(checkZeroBit);
-  release(checkOneBit);
+  std::unique_lock lock(unitsMutex);
+  const FixedSet set{
+      {waveNum00.exchange(nullptr), waveNum01.exchange(nullptr)},
+      {stopBits.exchange(nullptr), data0x00.exchange(nullptr), noSound.exchange(nullptr),
+       wakeUp.exchange(nullptr), checkZeroBit.exchange(nullptr), checkOneBit.exchange(nullptr)}};
   initFlag.store(false, std::memory_order_release);
+  retired.push_back(set);
+  if (liveFrames.load(std::memory_order_acquire) <= 0) releaseRetired();
 }

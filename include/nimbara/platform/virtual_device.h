@@ -57,6 +57,10 @@ class NIMBARA_API VirtualDevice : public Backend {
   std::vector<std::int16_t> playedSamples() const;
   void clearRecordings();
 
+  /** Times a buffer came after the device, playing in real time, had run out
+   * of sound for more than 5 ms: gaps a real output would have played. */
+  std::uint64_t underruns() const;
+
   struct Session {
     int initializeCalls = 0;
     int categoryCalls = 0;
@@ -80,6 +84,7 @@ class NIMBARA_API VirtualDevice : public Backend {
   const Options options_;
   std::array<Fault, 5> faults_;
   std::atomic<bool> returnsBuffers_{true};
+  std::atomic<std::uint64_t> underruns_{0};
   mutable std::mutex mutex_;
   std::string route_;
   std::vector<std::int16_t> enqueued_;

@@ -8,6 +8,7 @@
 #include <nimbara/export.h>
 #include <nimbara/frame/frame.h>
 #include <nimbara/platform/audio_queue.h>
+#include <nimbara/signal/signal_units.h>
 
 NIMBARA_BEGIN_C
 
@@ -30,6 +31,9 @@ typedef struct PlaybackContext {
    * still use the context; the last one releases it. 0 in a context not made
    * by executeFunction, which is then released at once. */
   uint32_t engineHolds;
+  /** Engine-private: the two bit waveforms (0-bit, 1-bit) the renderer took
+   * at its first call and keeps to the end; null in a fresh context. */
+  const struct WaveTable* engineWaves[2];
 } PlaybackContext;
 
 #define NIMBARA_FRAMES_PER_BUFFER 735u

@@ -1,0 +1,131 @@
+// The audio path is real-time safe: between two buffers handed to the output,
+// the queue's thread (the output callback, its rendering, logging and the
+// hand-over) allocates nothing, frees nothing and takes no lock. This binary
+// interposes the allocator and pthread_mutex_lock to count what each thread
+// does; built without sanitizers, which interpose the same functions.
+#include <nimbara/frame/commands.h>
+#include <nimbara/log.h>
+#include <nimbara/platform/backend.h>
+#include <nimbara/signal/playback.h>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void __libc_free(void* block);
+}
+
+namespace {
+
+struct Counts {
+  std::uint64_t allocations = 0, frees = 0, locks = 0;
+};
+thread_local Counts tlsCounts;
+
+}  // namespace
+
+extern "C" {
+void* malloc(std::size_t size) {
+  ++tlsCounts.allocations;
+  return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+  ++tlsCounts.allocations;
+  return __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size) {
+  ++tlsCounts.allocations;
+  return __libc_realloc(block, size);
+}
+void free(void* block) {
+  if (block != nullptr) ++tlsCounts.frees;
+  __libc_free(block);
+}
+int pthread_mutex_lock(pthread_mutex_t* mutex) {
+  using Lock = int (*)(pthread_mutex_t*);
+  static const auto real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+  ++tlsCounts.locks;
+  return real(mutex);
+}
+}
+
+namespace {
+
+using nimbara::platform::Backend;
+using nimbara::platform::OutputStream;
+
+// An output that takes buffers as fast as they come and checks, at every
+// buffer, what its thread did since the buffer before.
+class CountingDevice : public Backend {
+ public:
+  struct Result {
+    std::atomic<std::uint64_t> buffers{0}, allocations{0}, frees{0}, locks{0};
+  };
+
+  const char* name() const override { return "counting"; }
+  std::int32_t openStream(const NimbaraStreamFormat&,
+                          std::unique_ptr<OutputStream>* stream) override {
+    *stream = std::make_unique<Stream>(result);
+    return 0;
+  }
+  std::int32_t routeName(std::string* route) override {
+    *route = "Headphones";
+    return 0;
+  }
+  void sleep(double) override {}
+
+  Result result;
+
+ private:
+  class Stream : public OutputStream {
+   public:
+    explicit Stream(Result& result) : result_(result) {}
+    void play(const std::int16_t*, std::size_t, const std::atomic<bool>&) override {
+      const Counts now = tlsCounts;
+      if (started_) {
+        result_.allocations += now.allocations - last_.allocations;
+        result_.frees += now.frees - last_.frees;
+        result_.locks += now.locks - last_.locks;
+      }
+      started_ = true;
+      last_ = now;
+      ++result_.buffers;
+    }
+
+   private:
+    Result& result_;
+    Counts last_;
+    bool started_ = false;
+  };
+};
+
+TEST(RealTime, TheAudioPathNeitherAllocatesNorFreesNorLocks) {
+  for (bool logging : {false, true}) {
+    if (logging) {
+      nimbara::setLogSink([](std::string_view) {});
+    } else {
+      nimbara::setLogSink({});
+    }
+    auto device = std::make_shared<CountingDevice>();
+    nimbara::platform::setBackend(device);
+    ASSERT_EQ(executeFunction(createSprayWithLightLedProtocol(1, 2, 3, 4, 500), 1, 35280, nullptr),
+              0);
+    nimbara::platform::waitUntilIdle();
+    nimbara::platform::setBackend(nullptr);
+    EXPECT_GE(device->result.buffers.load(), 20u);
+    EXPECT_EQ(device->result.allocations.load(), 0u) << "logging " << logging;
+    EXPECT_EQ(device->result.frees.load(), 0u) << "logging " << logging;
+    EXPECT_EQ(device->result.locks.load(), 0u) << "logging " << logging;
+  }
+  nimbara::setLogSink({});
+}
+
+}  // namespace
