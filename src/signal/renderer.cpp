@@ -25,14 +25,24 @@ const WaveTable* usable(const WaveTable* wave) {
   return wave != nullptr && wave->samples != nullptr && wave->length > 0 ? wave : nullptr;
 }
 
-// The two waveforms for this playback: taken at its first render (the
-// priming, on the caller's thread) and kept, so that clearing the fixed units
-// meanwhile changes nothing for a playback under way.
+// The two waveforms for this playback: taken together at its first render
+// (the priming, on the caller's thread) and kept, so that clearing the fixed
+// units meanwhile changes nothing for a playback under way.
 void takeWaves(PlaybackContext* context) {
   if (context->engineWaves[0] != nullptr && context->engineWaves[1] != nullptr) return;
-  if (waveNum01.load(std::memory_order_acquire) == nullptr) initProtocolUnit();
-  context->engineWaves[0] = usable(waveNum01.load(std::memory_order_acquire));
-  context->engineWaves[1] = usable(waveNum00.load(std::memory_order_acquire));
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    {
+      auto fixedUnits = nimbara::detail::useFixedUnits();
+      const WaveTable* zero = usable(waveNum01.load(std::memory_order_acquire));
+      const WaveTable* one = usable(waveNum00.load(std::memory_order_acquire));
+      if (zero != nullptr && one != nullptr) {
+        context->engineWaves[0] = zero;
+        context->engineWaves[1] = one;
+        return;
+      }
+    }
+    initProtocolUnit();  // cleared by another thread since the frame was built
+  }
 }
 
 // Moves the cursor to the next node once the current unit is complete.
