@@ -11,7 +11,6 @@
 
 #include <unistd.h>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
