@@ -38,8 +38,8 @@ struct Case {
 
 std::vector<Case> everyOperation() {
   return {
-      {"acquire", [] { doAquireDeviceState(); }, [](const Transmission&) {}},
-      {"getTankId",
+      {"state", [] { doAquireDeviceState(); }, [](const Transmission&) {}},
+      {"tank",
        [] {
          auto tank = std::make_shared<nimbara::TankId>();
          doGetTankId(tank);
@@ -51,7 +51,7 @@ std::vector<Case> everyOperation() {
          doEcho(0xDEADBEEF, &out);
        },
        [](const Transmission& t) { EXPECT_EQ(t.number, 0xDEADBEEFu); }},
-      {"lightLed", [] { doLightLed(255, 0, 128, 7, -1); },
+      {"flash", [] { doLightLed(255, 0, 128, 7, -1); },
        [](const Transmission& t) {
          EXPECT_EQ(t.red, 255);
          EXPECT_EQ(t.green, 0);
@@ -59,17 +59,19 @@ std::vector<Case> everyOperation() {
          EXPECT_EQ(t.special, 7);
          EXPECT_EQ(t.time, -1);
        }},
-      {"sprayWithLightLed", [] { doSprayWithLightLed(1, 2, 3, 4, 5000); },
+      {"puff", [] { doSprayWithLightLed(1, 2, 3, 4, 5000); },
        [](const Transmission& t) {
+         EXPECT_FALSE(t.asksTank);
          EXPECT_EQ(t.red, 1);
          EXPECT_EQ(t.time, 1000);  // clamped by the operation
        }},
-      {"sprayWithLightLedGetTankId",
+      {"puff",
        [] {
          auto tank = std::make_shared<nimbara::TankId>();
          doSprayWithLightLedGetTankId(10, 20, 30, 40, 50, tank);
        },
        [](const Transmission& t) {
+         EXPECT_TRUE(t.asksTank);
          EXPECT_EQ(t.blue, 30);
          EXPECT_EQ(t.time, 100);
        }},

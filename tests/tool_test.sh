@@ -40,13 +40,13 @@ render_decode() {  # operation, expected decode text, arguments...
     check "decode $operation" 0 "$tool" decode "$work/$operation.wav" &&
     contains "decode $operation" "$work/out" "$expected"
 }
-render_decode doAquireDeviceState "acquire"
-render_decode doGetTankId "getTankId"
+render_decode doAquireDeviceState "state"
+render_decode doGetTankId "tank"
 render_decode doEcho "echo number 4294967295" 4294967295
-render_decode doLightLed "lightLed rgb(255, 0, 128) special 7 time -1 ms" 255 0 128 7 -1
-render_decode doSprayWithLightLed "sprayWithLightLed rgb(1, 2, 3) special 4 time 1000 ms" 1 2 3 4 5000
+render_decode doLightLed "flash rgb(255, 0, 128) special 7 time -1 ms" 255 0 128 7 -1
+render_decode doSprayWithLightLed "puff rgb(1, 2, 3) special 4 time 1000 ms" 1 2 3 4 5000
 render_decode doSprayWithLightLedGetTankId \
-  "sprayWithLightLedGetTankId rgb(9, 8, 7) special 6 time 100 ms" 9 8 7 6 -20
+  "puff rgb(9, 8, 7) special 6 time 100 ms" 9 8 7 6 -20
 check "render writes targetFrames" 0 "$tool" --json render doEcho 1 --out "$work/echo.wav"
 contains "render frames" "$work/out" '"frames": 17640'
 check "decode --json" 0 "$tool" --json decode "$work/doEcho.wav"
@@ -85,7 +85,7 @@ check "tank" 0 "$tool" --device virtual --json tank
 contains "tank" "$work/out" '"base64": "bbwAAAAAAA=="'
 check "wav device" 0 "$tool" --device "wav:$work/played.wav" flash 1 2 3
 check "decode what the wav device heard" 0 "$tool" decode "$work/played.wav"
-contains "wav device" "$work/out" "lightLed rgb(1, 2, 3)"
+contains "wav device" "$work/out" "flash rgb(1, 2, 3)"
 
 # listen decodes a puff that a second process plays through the headphone sink.
 if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
@@ -94,7 +94,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   for _ in $(seq 100); do grep -q "listening" "$work/listen.err" 2>/dev/null && break; sleep 0.05; done
   check "puff on the server" 0 "$tool" puff 12 34 56 --time 700
   wait "$listener"
-  contains "listen" "$work/listen" "sprayWithLightLedGetTankId rgb(12, 34, 56) special 0 time 700 ms"
+  contains "listen" "$work/listen" "puff rgb(12, 34, 56) special 0 time 700 ms"
   contains "listen" "$work/listen" "accessory sprays for 700 ms"
   check "status on the server" 0 "$tool" status
   contains "status" "$work/out" "route: Headphones"

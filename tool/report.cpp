@@ -28,8 +28,7 @@ std::string jsonString(const std::string& text) {
 namespace {
 
 bool hasLed(const nimbara::Transmission& t) {
-  return t.command == "lightLed" || t.command == "sprayWithLightLed" ||
-         t.command == "sprayWithLightLedGetTankId";
+  return t.command == "flash" || t.command == "puff";
 }
 
 std::string arguments(const nimbara::Transmission& t) {
@@ -79,18 +78,18 @@ std::string accessoryAction(const nimbara::Transmission& t, bool colour) {
                   t.blue);
     block = escape;
   }
-  if (t.command == "lightLed") {
+  if (t.command == "flash") {
     std::snprintf(text, sizeof text, "LED %srgb(%d, %d, %d) special %d for %d ms", block.c_str(),
                   t.red, t.green, t.blue, t.special, t.time);
-  } else if (t.command == "sprayWithLightLed" || t.command == "sprayWithLightLedGetTankId") {
+  } else if (t.command == "puff") {
     std::snprintf(text, sizeof text, "sprays for %d ms, LED %srgb(%d, %d, %d) special %d%s", t.time,
                   block.c_str(), t.red, t.green, t.blue, t.special,
-                  t.command == "sprayWithLightLed" ? "" : ", and is asked for its tank identity");
+                  t.asksTank ? ", and is asked for its tank identity" : "");
   } else if (t.command == "spray") {
     std::snprintf(text, sizeof text, "sprays for %d ms", t.time);
   } else if (t.command == "echo") {
     std::snprintf(text, sizeof text, "is asked to echo %u", t.number);
-  } else if (t.command == "getTankId") {
+  } else if (t.command == "tank") {
     std::snprintf(text, sizeof text, "is asked for its tank identity");
   } else {
     std::snprintf(text, sizeof text, "is asked for its state");

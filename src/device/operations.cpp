@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "common/log.h"
+#include "device/spray_time.h"
 
 namespace nimbara {
 namespace {
@@ -22,12 +23,6 @@ ReplyReceiver replyReceiver;
 // Samples over both channels for a duration: ms / 1000 x 88200.
 unsigned long sampleLength(float milliseconds) {
   return static_cast<unsigned long>(static_cast<double>(milliseconds) / 1000.0 * 88200.0);
-}
-
-std::int16_t clampSprayTime(std::int16_t time) {
-  if (time > 1000) time = 1000;
-  if (time < 100) time = 100;
-  return time;
 }
 
 template <typename T>
@@ -128,7 +123,7 @@ int32_t doLightLed(uint8_t red, uint8_t green, uint8_t blue, uint8_t special, in
 int32_t doSprayWithLightLed(uint8_t red, uint8_t green, uint8_t blue, uint8_t special,
                             int16_t time) {
   NIMBARA_LOG("doSprayWithLightLed start.");
-  time = nimbara::clampSprayTime(time);
+  time = nimbara::detail::clampSprayTime(time);
   return runOperation("doSprayWithLightLed",
                       createSprayWithLightLedProtocol(red, green, blue, special, time),
                       NIMBARA_REPLY_STATUS, kLongMs, readStatus);
@@ -137,7 +132,7 @@ int32_t doSprayWithLightLed(uint8_t red, uint8_t green, uint8_t blue, uint8_t sp
 int32_t doSprayWithLightLedGetTankId(uint8_t red, uint8_t green, uint8_t blue, uint8_t special,
                                      int16_t time, std::shared_ptr<nimbara::TankId>& tankId) {
   NIMBARA_LOG("doSprayWithLightLedGetTankId start.");
-  time = nimbara::clampSprayTime(time);
+  time = nimbara::detail::clampSprayTime(time);
   return runOperation("doSprayWithLightLedGetTankId",
                       createSprayWithLightLedGetTankIdProtocol(red, green, blue, special, time),
                       NIMBARA_REPLY_TANK_ID, kLongMs,

@@ -1,5 +1,7 @@
 #include "receiver/bursts.h"
 
+#include <nimbara/api/command.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -200,27 +202,6 @@ bool evenParity(const std::string& bits) {
   return !bits.empty() && std::count(bits.begin(), bits.end(), '1') % 2 == 0;
 }
 
-// The command's name for its opcode and parameter width; "unknown" when no
-// command has that layout.
-const char* commandName(std::uint32_t opcode, std::size_t parameterBits) {
-  switch (opcode) {
-    case 1:
-      return parameterBits == 8 ? "acquire" : "unknown";
-    case 3:
-      return parameterBits == 8 ? "getTankId" : "unknown";
-    case 4:
-      return parameterBits == 48 ? "lightLed" : "unknown";
-    case 5:
-      return parameterBits == 48 ? "sprayWithLightLedGetTankId" : "unknown";
-    case 2:
-      return parameterBits == 48 ? "sprayWithLightLed" : parameterBits == 16 ? "spray" : "unknown";
-    case 255:
-      return parameterBits == 32 ? "echo" : "unknown";
-    default:
-      return "unknown";
-  }
-}
-
 }  // namespace
 
 Transmission assemble(const Burst& first, const Burst* second) {
@@ -236,7 +217,9 @@ Transmission assemble(const Burst& first, const Burst* second) {
   const std::string& bits = t.bits[0];
   const std::size_t parameterBits = bits.size() >= 9 ? bits.size() - 9 : 0;
   t.opcode = static_cast<std::uint8_t>(bits.size() >= 8 ? field(bits, 0, 8) : 0);
-  t.command = bits.size() >= 17 ? commandName(t.opcode, parameterBits) : "unknown";
+  t.command = bits.size() >= 17
+                  ? verbOfOpcode(t.opcode, static_cast<unsigned>(parameterBits), &t.asksTank)
+                  : "unknown";
   if (parameterBits == 48) {
     t.red = static_cast<std::uint8_t>(field(bits, 8, 8));
     t.green = static_cast<std::uint8_t>(field(bits, 16, 8));

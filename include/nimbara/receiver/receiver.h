@@ -24,9 +24,11 @@ namespace nimbara {
 struct Transmission {
   double startSeconds = 0; /**< where its wake-up began in the stream */
   std::uint8_t opcode = 0;
-  /** "acquire", "getTankId", "lightLed", "sprayWithLightLed",
-   * "sprayWithLightLedGetTankId", "spray", "echo" or "unknown". */
+  /** The command's verb: "flash", "puff", "spray", "state", "tank", "echo",
+   * or "unknown" when no command has the received layout. */
   std::string command;
+  /** A puff that also asks for the tank identity (opcode 5). */
+  bool asksTank = false;
   /** The LED commands' arguments. */
   std::uint8_t red = 0, green = 0, blue = 0, special = 0;
   /** Milliseconds: the LED commands' and the spray's time. */
@@ -43,6 +45,11 @@ struct Transmission {
   bool damaged = true;
   /** The bits of each repetition: command, parameter and parity. */
   std::string bits[2];
+  /** How sure the receiver is, from 0 to 1: the weakest bit's margin between
+   * its two waveforms. */
+  double confidence = 0;
+  /** The signal-to-noise ratio the receiver estimated, in dB. */
+  double snrDb = 0;
 };
 
 /** Push-based: feed samples in chunks of any size, collect transmissions. */
