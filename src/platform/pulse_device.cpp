@@ -195,7 +195,7 @@ struct SinkFacts {
   PulseDevice::OutputLevel level;
 };
 
-std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
+std::int32_t readSink(const std::string& server, const std::string& sink, SinkFacts* facts) {
   Connection connection;
   if (const std::int32_t status = connection.connect(server)) return status;
   struct Query {
@@ -203,7 +203,7 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
     std::string sinkName;
     SinkFacts* facts;
     bool found = false;
-  } query{&connection, {}, facts};
+  } query{&connection, sink, facts};
   Connection::Lock lock(connection.loop());
   auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
     InCallback scope;
@@ -212,8 +212,9 @@ std::int32_t readDefaultSink(const std::string& server, SinkFacts* facts) {
       q->sinkName = info->default_sink_name;
     q->connection->signal();
   };
-  if (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
-      query.sinkName.empty()) {
+  if (query.sinkName.empty() &&
+      (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
+       query.sinkName.empty())) {
     return NIMBARA_AUDIO_ERR_NO_ROUTE;
   }
   auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
@@ -245,7 +246,7 @@ class PulseDevice::Stream : public OutputStream {
  public:
   ~Stream() override { close(); }
 
-  std::int32_t open(const std::string& server) {
+  std::int32_t open(const std::string& server, const std::string& sink) {
     if (const std::int32_t status = connection_.connect(server)) return status;
     Connection::Lock lock(connection_.loop());
     const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
@@ -262,7 +263,8 @@ class PulseDevice::Stream : public OutputStream {
     const auto flags = static_cast<pa_stream_flags_t>(
         PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
     // No volume is passed: the stream plays at whatever the user has set.
-    if (pa_stream_connect_playback(stream_, nullptr, &attr, flags, nullptr, nullptr) < 0) {
+    if (pa_stream_connect_playback(stream_, sink.empty() ? nullptr : sink.c_str(), &attr, flags,
+                                   nullptr, nullptr) < 0) {
       return NIMBARA_AUDIO_ERR_STREAM;
     }
     for (;;) {
@@ -398,26 +400,27 @@ class PulseDevice::Stream : public OutputStream {
   bool closed_ = false;
 };
 
-PulseDevice::PulseDevice(std::string server) : server_(std::move(server)) {}
+PulseDevice::PulseDevice(std::string server, std::string sink)
+    : server_(std::move(server)), sink_(std::move(sink)) {}
 
 std::int32_t PulseDevice::openStream(const NimbaraStreamFormat&,
                                      std::unique_ptr<OutputStream>* stream) {
   auto opened = std::make_unique<Stream>();
-  if (const std::int32_t status = opened->open(server_)) return status;
+  if (const std::int32_t status = opened->open(server_, sink_)) return status;
   *stream = std::move(opened);
   return NIMBARA_AUDIO_OK;
 }
 
 std::int32_t PulseDevice::routeName(std::string* name) {
   SinkFacts facts;
-  if (const std::int32_t status = readDefaultSink(server_, &facts)) return status;
+  if (const std::int32_t status = readSink(server_, sink_, &facts)) return status;
   *name = facts.route;
   return NIMBARA_AUDIO_OK;
 }
 
 std::int32_t PulseDevice::outputLevel(OutputLevel* level) {
   SinkFacts facts;
-  if (const std::int32_t status = readDefaultSink(server_, &facts)) return status;
+  if (const std::int32_t status = readSink(server_, sink_, &facts)) return status;
   *level = facts.level;
   return NIMBARA_AUDIO_OK;
 }

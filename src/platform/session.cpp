@@ -9,8 +9,8 @@
 #include <chrono>
 #include <cstring>
 #include <mutex>
+#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 
 namespace nimbara::platform {
@@ -65,6 +65,26 @@ std::shared_ptr<Backend> currentBackend() {
   return selected;
 }
 
+std::shared_ptr<Backend> makeBackend(const std::string& name, const std::string& route) {
+  if (name == "virtual") {
+    VirtualDevice::Options options;
+    if (!route.empty()) options.route = route;
+    return std::make_shared<VirtualDevice>(options);
+  }
+  if (name.starts_with("wav:") && name.size() > 4) {
+    return route.empty() ? std::make_shared<WavDevice>(name.substr(4))
+                         : std::make_shared<WavDevice>(name.substr(4), route);
+  }
+#ifdef NIMBARA_HAVE_PULSE
+  if (name == "pulse") return std::make_shared<PulseDevice>();
+  if (name.starts_with("pulse:") && name.size() > 6) {
+    return std::make_shared<PulseDevice>(std::string(), name.substr(6));
+  }
+#endif
+  throw std::invalid_argument("unknown audio output \"" + name +
+                              "\" (use pulse, pulse:SINK, virtual or wav:PATH)");
+}
+
 }  // namespace nimbara::platform
 
 using nimbara::platform::currentBackend;
@@ -102,19 +122,13 @@ void nimbaraThreadSleep(double seconds) {
 }
 
 int32_t nimbaraAudioUseBackend(const char* name) {
-  using namespace nimbara::platform;
   if (name == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
-  const std::string_view choice(name);
-  if (choice == "virtual") {
-    setBackend(std::make_shared<VirtualDevice>());
-  } else if (choice.rfind("wav:", 0) == 0 && choice.size() > 4) {
-    setBackend(std::make_shared<WavDevice>(std::string(choice.substr(4))));
-#ifdef NIMBARA_HAVE_PULSE
-  } else if (choice == "pulse") {
-    setBackend(std::make_shared<PulseDevice>());
-#endif
-  } else {
+  try {
+    nimbara::platform::setBackend(nimbara::platform::makeBackend(name));
+  } catch (const std::invalid_argument&) {
     return NIMBARA_AUDIO_ERR_INVALID;
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
   }
   return NIMBARA_AUDIO_OK;
 }

@@ -62,6 +62,14 @@ class NIMBARA_API Backend {
  * were made on. The default is the sound server's backend when the library was
  * built with one, otherwise a virtual device. */
 NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
+
+/** A backend by name, as the tool's --device takes it: "pulse" (the default
+ * sink), "pulse:SINK" (the sink named SINK), "virtual" (in memory, real time)
+ * or "wav:PATH" (into a WAV file). `route` names the virtual or WAV output's
+ * route (empty: its default). Throws std::invalid_argument for any other
+ * name, or for "pulse" in a library built without a sound server. */
+NIMBARA_API std::shared_ptr<Backend> makeBackend(const std::string& name,
+                                                 const std::string& route = {});
 NIMBARA_API std::shared_ptr<Backend> currentBackend();
 
 /** Queues whose thread is still running (a transmission's last callbacks run

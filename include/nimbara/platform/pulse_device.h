@@ -16,8 +16,10 @@ namespace nimbara::platform {
 class NIMBARA_API PulseDevice : public Backend {
  public:
   /** server: a server string such as "unix:/run/user/1000/pulse/native"; empty
-   * for libpulse's own choice (its configuration and PULSE_SERVER). */
-  explicit PulseDevice(std::string server = {});
+   * for libpulse's own choice (its configuration and PULSE_SERVER). sink: the
+   * name of the sink to play on; empty for the server's default sink. The
+   * route, the level and the stream all concern that sink. */
+  explicit PulseDevice(std::string server = {}, std::string sink = {});
 
   const char* name() const override { return "pulse"; }
   std::int32_t openStream(const NimbaraStreamFormat& format,
@@ -35,6 +37,7 @@ class NIMBARA_API PulseDevice : public Backend {
  private:
   class Stream;
   const std::string server_;
+  const std::string sink_;
 };
 
 }  // namespace nimbara::platform
