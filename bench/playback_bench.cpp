@@ -42,12 +42,12 @@ class TimingBackend : public Backend {
    public:
     Stream(std::unique_ptr<OutputStream> inner, std::atomic<Clock::time_point>& first)
         : inner_(std::move(inner)), first_(first) {}
-    void play(const std::int16_t* samples, std::size_t frames,
-              const std::atomic<bool>& stop) override {
+    std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                      const std::atomic<bool>& stop) override {
       if (first_.load() == Clock::time_point{}) first_.store(Clock::now());
-      inner_->play(samples, frames, stop);
+      return inner_->play(samples, frames, stop);
     }
-    void close() override { inner_->close(); }
+    std::int32_t close() override { return inner_->close(); }
 
    private:
     std::unique_ptr<OutputStream> inner_;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "support/faulty_backend.h"
 #include "support/log_capture.h"
 #include "support/signals.h"
 #include "support/virtual_output.h"
@@ -20,6 +21,7 @@ using nimbara::NimbaraException;
 using nimbara::NimbaraProtocol;
 using nimbara::NimbaraSDK;
 using nimbara::TankId;
+using nimbara::test::FaultyOutput;
 using nimbara::test::ledCommandSignal;
 using nimbara::test::LogCapture;
 using nimbara::test::VirtualOutput;
@@ -50,7 +52,7 @@ class ApiTest : public ::testing::Test {
     nimbara::setReplyReceiver({});
   }
 
-  VirtualOutput output_;
+  FaultyOutput output_;
   std::vector<double> pauses_;
 };
 
@@ -124,7 +126,7 @@ TEST_F(ApiTest, TheRouteDecidesPresence) {
     EXPECT_FALSE(sdk.checkDeviceState()) << absent;
   }
   output_->setRoute("Headphones");
-  output_->failCall(nimbara::platform::Call::RouteQuery, -5);
+  output_.faults().failCall(nimbara::test::Call::RouteQuery, -5, 0);
   EXPECT_FALSE(sdk.checkDeviceState());
 }
 

@@ -99,12 +99,15 @@ class CheckingDevice : public nimbara::platform::Backend {
   class Stream : public nimbara::platform::OutputStream {
    public:
     explicit Stream(CheckingDevice& device) : device_(device) { samples_.reserve(17640 * 2); }
-    void enqueued(const std::int16_t* samples, std::size_t frames) override {
+    std::int32_t enqueued(const std::int16_t* samples, std::size_t frames) override {
       const std::size_t n = std::min(frames * 2, samples_.capacity() - samples_.size());
       samples_.insert(samples_.end(), samples, samples + n);
+      return 0;
     }
-    void play(const std::int16_t*, std::size_t, const std::atomic<bool>&) override {}
-    void close() override {
+    std::int32_t play(const std::int16_t*, std::size_t, const std::atomic<bool>&) override {
+      return 0;
+    }
+    std::int32_t close() override {
       nimbara::Receiver receiver(44100, 2);
       receiver.push(samples_.data(), samples_.size() / 2);
       receiver.finish();
@@ -118,6 +121,7 @@ class CheckingDevice : public nimbara::platform::Backend {
       } else {
         ++device_.wrong;
       }
+      return 0;
     }
 
    private:

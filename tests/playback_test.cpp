@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/expected_signal.h"
+#include "support/faulty_backend.h"
 #include "support/log_capture.h"
 #include "support/virtual_output.h"
 
@@ -24,8 +25,9 @@
 
 namespace {
 
-using nimbara::platform::Call;
+using nimbara::test::Call;
 using nimbara::test::expectedFrameSignal;
+using nimbara::test::FaultyOutput;
 using nimbara::test::LogCapture;
 using nimbara::test::stereo;
 using nimbara::test::VirtualOutput;
@@ -173,8 +175,8 @@ TEST(Playback, EveryFailingPlatformCallReturnsItsStatus) {
                         {Call::AllocateBuffer, 2}, {Call::AllocateBuffer, 3},
                         {Call::Start, 1},          {Call::Enqueue, 1}};
   for (const Case& c : cases) {
-    VirtualOutput output;
-    output->failCall(c.call, -1234, c.occurrence);
+    FaultyOutput output;
+    output.faults().failCall(c.call, -1234, c.occurrence);
     LogCapture log;
     std::int32_t status;
     if (c.call == Call::Enqueue) {
@@ -200,8 +202,8 @@ TEST(Playback, EveryFailingPlatformCallReturnsItsStatus) {
 }
 
 TEST(Playback, AnEnqueueFailingMidwayLeavesTwoBuffersToFinish) {
-  VirtualOutput output;
-  output->failCall(Call::Enqueue, -77, 6);
+  FaultyOutput output;
+  output.faults().failCall(Call::Enqueue, -77, 6);
   LogCapture log;
   std::int32_t status;
   {

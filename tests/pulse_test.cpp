@@ -280,7 +280,7 @@ class PrivateServer {
   pid_t pid_ = -1;
 };
 
-TEST_F(PulseTest, AServerKilledMidwayDoesNotHangTheCaller) {
+TEST_F(PulseTest, AServerKilledMidwayFailsTheTransmissionWithoutHangingTheCaller) {
   REQUIRE_TEST_SERVER();
   PrivateServer server;
   ASSERT_TRUE(server.ready());
@@ -294,7 +294,7 @@ TEST_F(PulseTest, AServerKilledMidwayDoesNotHangTheCaller) {
   }));
   server.kill();
   ASSERT_EQ(call.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-  EXPECT_EQ(call.get(), 0);
+  EXPECT_EQ(call.get(), NIMBARA_AUDIO_ERR_LOST);
   nimbara::platform::waitUntilIdle();
   const auto lines = log.take();
   EXPECT_THAT(lines, ::testing::Contains(" [ERROR] audio output lost, playing on without sound"));

@@ -1,8 +1,12 @@
-// The audio path is real-time safe: between two buffers handed to the output,
-// the queue's thread (the output callback, its rendering, logging and the
-// hand-over) allocates nothing, frees nothing and takes no lock. This binary
-// interposes the allocator and pthread_mutex_lock to count what each thread
-// does; built without sanitizers, which interpose the same functions.
+// Tests with an interposed allocator and pthread_mutex_lock.
+// - The audio path is real-time safe: between two buffers handed to the
+//   output, the queue's thread (the output callback, its rendering, logging
+//   and the hand-over) allocates nothing, frees nothing and takes no lock.
+// - A failed allocation anywhere in a transmission ends it in bounded time,
+//   with a status and without a crash.
+// Sanitizers interpose the same functions, and are not ready when the first
+// allocation comes: under any of them the interposition is left out and the
+// tests skip.
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
@@ -16,6 +20,16 @@
 #include <atomic>
 #include <cstdint>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define NIMBARA_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define NIMBARA_SANITIZED 1
+#endif
+#endif
+
+#ifndef NIMBARA_SANITIZED
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -30,20 +44,27 @@ struct Counts {
 };
 thread_local Counts tlsCounts;
 
+// When armed, the allocation that brings the countdown to 0 fails, on any thread.
+std::atomic<long> failCountdown{0};
+bool failThisAllocation() {
+  if (failCountdown.load(std::memory_order_relaxed) <= 0) return false;
+  return failCountdown.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
 }  // namespace
 
 extern "C" {
 void* malloc(std::size_t size) {
   ++tlsCounts.allocations;
-  return __libc_malloc(size);
+  return failThisAllocation() ? nullptr : __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) {
   ++tlsCounts.allocations;
-  return __libc_calloc(count, size);
+  return failThisAllocation() ? nullptr : __libc_calloc(count, size);
 }
 void* realloc(void* block, std::size_t size) {
   ++tlsCounts.allocations;
-  return __libc_realloc(block, size);
+  return failThisAllocation() ? nullptr : __libc_realloc(block, size);
 }
 void free(void* block) {
   if (block != nullptr) ++tlsCounts.frees;
@@ -56,6 +77,7 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) {
   return real(mutex);
 }
 }
+#endif
 
 namespace {
 
@@ -88,7 +110,8 @@ class CountingDevice : public Backend {
   class Stream : public OutputStream {
    public:
     explicit Stream(Result& result) : result_(result) {}
-    void play(const std::int16_t*, std::size_t, const std::atomic<bool>&) override {
+    std::int32_t play(const std::int16_t*, std::size_t, const std::atomic<bool>&) override {
+#ifndef NIMBARA_SANITIZED
       const Counts now = tlsCounts;
       if (started_) {
         result_.allocations += now.allocations - last_.allocations;
@@ -97,17 +120,24 @@ class CountingDevice : public Backend {
       }
       started_ = true;
       last_ = now;
+#endif
       ++result_.buffers;
+      return 0;
     }
 
    private:
     Result& result_;
+#ifndef NIMBARA_SANITIZED
     Counts last_;
+#endif
     bool started_ = false;
   };
 };
 
 TEST(RealTime, TheAudioPathNeitherAllocatesNorFreesNorLocks) {
+#ifdef NIMBARA_SANITIZED
+  GTEST_SKIP() << "the allocator is the sanitizer's";
+#endif
   for (bool logging : {false, true}) {
     if (logging) {
       nimbara::setLogSink([](std::string_view) {});

@@ -19,7 +19,6 @@
 #include "common/log.h"
 
 using nimbara::platform::Backend;
-using nimbara::platform::Call;
 using nimbara::platform::OutputStream;
 
 struct NimbaraAudioQueue {
@@ -32,9 +31,10 @@ struct NimbaraAudioQueue {
   std::array<std::unique_ptr<std::uint8_t[]>, NIMBARA_AUDIO_MAX_BUFFERS> storage;
   std::array<std::atomic<bool>, NIMBARA_AUDIO_MAX_BUFFERS> inQueue{};
   std::atomic<unsigned> bufferCount{0};
-  std::atomic<unsigned> enqueueCount{0};
   nimbara::detail::BoundedQueue<NimbaraAudioBuffer*, NIMBARA_AUDIO_MAX_BUFFERS> pending;
 
+  std::atomic<std::int32_t> failure{0};  // the output's first failure
+  std::atomic<bool> done{false};         // the thread has closed the stream
   std::atomic<std::uint32_t> signal{0};  // bumped whenever the thread has news
   std::atomic<bool> started{false};
   std::atomic<bool> disposed{false};
@@ -50,6 +50,11 @@ struct NimbaraAudioQueue {
   void wake() {
     signal.fetch_add(1, std::memory_order_release);
     signal.notify_one();
+  }
+
+  void fail(std::int32_t status) {
+    std::int32_t none = 0;
+    if (status != 0) failure.compare_exchange_strong(none, status, std::memory_order_acq_rel);
   }
 
   void dropRef() {
@@ -140,7 +145,7 @@ void runQueue(NimbaraAudioQueue* q) {
       continue;
     }
     const bool disposed = q->disposed.load(std::memory_order_acquire);
-    if (!disposed) q->stream->play(samplesOf(*buffer), framesOf(*buffer), q->stop);
+    if (!disposed) q->fail(q->stream->play(samplesOf(*buffer), framesOf(*buffer), q->stop));
     q->inQueue[static_cast<std::size_t>(q->indexOf(buffer))].store(false,
                                                                    std::memory_order_release);
     if (q->orphaned.load(std::memory_order_acquire)) break;
@@ -148,7 +153,9 @@ void runQueue(NimbaraAudioQueue* q) {
       q->callback(q->userData, q, buffer);
     }
   }
-  q->stream->close();
+  q->fail(q->stream->close());
+  q->done.store(true, std::memory_order_release);
+  q->done.notify_all();
   q->dropRef();
   ThreadRegistry::instance().markFinished();
   runningQueues.fetch_sub(1, std::memory_order_acq_rel);
@@ -179,6 +186,8 @@ const char* nimbaraAudioStatusText(int32_t status) {
       return "the audio route cannot be read";
     case NIMBARA_AUDIO_ERR_STREAM:
       return "the audio server refused the playback stream";
+    case NIMBARA_AUDIO_ERR_LOST:
+      return "the audio output was lost while playing";
     default:
       return status < 0 ? "unknown audio error" : "platform status";
   }
@@ -193,7 +202,6 @@ int32_t nimbaraAudioQueueNewOutput(const NimbaraStreamFormat* format,
   if (!isPlayableFormat(*format)) return NIMBARA_AUDIO_ERR_FORMAT;
   std::shared_ptr<Backend> backend = nimbara::platform::currentBackend();
   if (!backend) return NIMBARA_AUDIO_ERR_NO_SERVER;
-  if (const std::int32_t fault = backend->injectedFault(Call::NewOutput, 1)) return fault;
   std::unique_ptr<OutputStream> stream;
   if (const std::int32_t status = backend->openStream(*format, &stream)) return status;
   if (!stream) return NIMBARA_AUDIO_ERR_STREAM;
@@ -213,9 +221,7 @@ int32_t nimbaraAudioQueueAllocateBuffer(NimbaraAudioQueueRef queue, uint32_t byt
   if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
   const unsigned index = queue->bufferCount.load(std::memory_order_relaxed);
   if (index >= NIMBARA_AUDIO_MAX_BUFFERS) return NIMBARA_AUDIO_ERR_NO_MEMORY;
-  if (const std::int32_t fault = queue->backend->injectedFault(Call::AllocateBuffer, index + 1)) {
-    return fault;
-  }
+  if (const std::int32_t refused = queue->stream->prepareBuffer(byteSize)) return refused;
   auto& storage = queue->storage[index];
   storage.reset(new (std::nothrow) std::uint8_t[byteSize > 0 ? byteSize : 1]());
   if (!storage) return NIMBARA_AUDIO_ERR_NO_MEMORY;
@@ -235,14 +241,13 @@ int32_t nimbaraAudioQueueEnqueueBuffer(NimbaraAudioQueueRef queue, NimbaraAudioB
     return NIMBARA_AUDIO_ERR_INVALID;
   }
   if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
-  const unsigned occurrence = queue->enqueueCount.fetch_add(1, std::memory_order_relaxed) + 1;
-  if (const std::int32_t fault = queue->backend->injectedFault(Call::Enqueue, occurrence)) {
-    return fault;
-  }
   if (queue->inQueue[static_cast<std::size_t>(index)].exchange(true, std::memory_order_acq_rel)) {
     return NIMBARA_AUDIO_ERR_BUSY;
   }
-  queue->stream->enqueued(samplesOf(*buffer), framesOf(*buffer));
+  if (const std::int32_t refused = queue->stream->enqueued(samplesOf(*buffer), framesOf(*buffer))) {
+    queue->inQueue[static_cast<std::size_t>(index)].store(false, std::memory_order_release);
+    return refused;
+  }
   queue->pending.tryPush(buffer);  // cannot be full: one slot per buffer
   queue->wake();
   return NIMBARA_AUDIO_OK;
@@ -251,7 +256,8 @@ int32_t nimbaraAudioQueueEnqueueBuffer(NimbaraAudioQueueRef queue, NimbaraAudioB
 int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
   if (queue == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
   if (queue->disposed.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_DISPOSED;
-  if (const std::int32_t fault = queue->backend->injectedFault(Call::Start, 1)) return fault;
+  if (queue->started.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_BUSY;
+  if (const std::int32_t refused = queue->stream->start()) return refused;
   if (queue->started.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_BUSY;
   queue->refs.fetch_add(1, std::memory_order_relaxed);
   runningQueues.fetch_add(1, std::memory_order_acq_rel);
@@ -273,6 +279,16 @@ int32_t nimbaraAudioQueueDispose(NimbaraAudioQueueRef queue, bool immediate) {
   queue->stop.store(true, std::memory_order_release);
   queue->wake();
   return NIMBARA_AUDIO_OK;
+}
+
+int32_t nimbaraAudioQueueGetStatus(NimbaraAudioQueueRef queue) {
+  if (queue == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  return queue->failure.load(std::memory_order_acquire);
+}
+
+void nimbaraAudioQueueWaitUntilDone(NimbaraAudioQueueRef queue) {
+  if (queue == nullptr || !queue->started.load(std::memory_order_acquire)) return;
+  queue->done.wait(false, std::memory_order_acquire);
 }
 
 void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue) {

@@ -1,5 +1,7 @@
-// PulseAudio backend. Each stream has its own connection on a threaded main
-// loop. The queue's thread hands buffers over through a lock-free byte ring;
+// PulseAudio backend. A device keeps one connection on a threaded main loop
+// for its route queries and all its streams, and makes a new one only when
+// the server has gone. The queue's thread hands buffers over through a
+// lock-free byte ring;
 // a pump on the main loop's thread (the stream's write callback and a 5 ms
 // timer) moves them into the server and publishes the playback position, so
 // that the hand-over never takes the main loop's lock.
@@ -50,13 +52,17 @@ void waitForSignal(pa_threaded_mainloop* loop) {
   lockAcquired(loop);
 }
 
-// A callback runs on the main loop's thread, which holds the lock meanwhile.
+// A callback runs on the main loop's thread, which holds the lock meanwhile:
+// the same hand-over as Connection::Lock, on the same address.
 class InCallback {
  public:
-  InCallback() { lockAcquired(nullptr); }
-  ~InCallback() { lockReleasing(nullptr); }
+  explicit InCallback(pa_threaded_mainloop* loop) : loop_(loop) { lockAcquired(loop_); }
+  ~InCallback() { lockReleasing(loop_); }
   InCallback(const InCallback&) = delete;
   InCallback& operator=(const InCallback&) = delete;
+
+ private:
+  pa_threaded_mainloop* loop_;
 };
 
 // Single producer (the queue's thread), single consumer (the main loop's thread).
@@ -97,8 +103,10 @@ class ByteRing {
   std::atomic<std::size_t> tail_{0};
 };
 
+}  // namespace
+
 // A connected context on its own threaded main loop.
-class Connection {
+class PulseDevice::Connection {
  public:
   Connection() = default;
   Connection(const Connection&) = delete;
@@ -176,8 +184,8 @@ class Connection {
 
  private:
   static void onState(pa_context* context, void* self) {
-    InCallback scope;
     auto* connection = static_cast<Connection*>(self);
+    InCallback scope(connection->loop_);
     if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
       connection->lost_.store(true, std::memory_order_release);
     }
@@ -189,15 +197,17 @@ class Connection {
   std::atomic<bool> lost_{false};
 };
 
+namespace {
+
+using Connection = PulseDevice::Connection;
+
 // What the default sink tells about itself.
 struct SinkFacts {
   std::string route;
   PulseDevice::OutputLevel level;
 };
 
-std::int32_t readSink(const std::string& server, const std::string& sink, SinkFacts* facts) {
-  Connection connection;
-  if (const std::int32_t status = connection.connect(server)) return status;
+std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts* facts) {
   struct Query {
     Connection* connection;
     std::string sinkName;
@@ -206,8 +216,8 @@ std::int32_t readSink(const std::string& server, const std::string& sink, SinkFa
   } query{&connection, sink, facts};
   Connection::Lock lock(connection.loop());
   auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
-    InCallback scope;
     auto* q = static_cast<Query*>(data);
+    InCallback scope(q->connection->loop());
     if (info != nullptr && info->default_sink_name != nullptr)
       q->sinkName = info->default_sink_name;
     q->connection->signal();
@@ -215,11 +225,11 @@ std::int32_t readSink(const std::string& server, const std::string& sink, SinkFa
   if (query.sinkName.empty() &&
       (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
        query.sinkName.empty())) {
-    return NIMBARA_AUDIO_ERR_NO_ROUTE;
+    return connection.alive() ? NIMBARA_AUDIO_ERR_NO_ROUTE : NIMBARA_AUDIO_ERR_NO_SERVER;
   }
   auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
-    InCallback scope;
     auto* q = static_cast<Query*>(data);
+    InCallback scope(q->connection->loop());
     if (eol == 0 && info != nullptr) {
       q->found = true;
       q->facts->route = info->description != nullptr ? info->description : info->name;
@@ -235,7 +245,7 @@ std::int32_t readSink(const std::string& server, const std::string& sink, SinkFa
   if (!connection.await(pa_context_get_sink_info_by_name(connection.context(),
                                                          query.sinkName.c_str(), onSink, &query)) ||
       !query.found) {
-    return NIMBARA_AUDIO_ERR_NO_ROUTE;
+    return connection.alive() ? NIMBARA_AUDIO_ERR_NO_ROUTE : NIMBARA_AUDIO_ERR_NO_SERVER;
   }
   return NIMBARA_AUDIO_OK;
 }
@@ -244,13 +254,14 @@ std::int32_t readSink(const std::string& server, const std::string& sink, SinkFa
 
 class PulseDevice::Stream : public OutputStream {
  public:
+  explicit Stream(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
   ~Stream() override { close(); }
 
-  std::int32_t open(const std::string& server, const std::string& sink) {
-    if (const std::int32_t status = connection_.connect(server)) return status;
-    Connection::Lock lock(connection_.loop());
+  std::int32_t open(const std::string& sink) {
+    Connection::Lock lock(connection_->loop());
+    if (!connection_->alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
     const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
-    stream_ = pa_stream_new(connection_.context(), "nimbara", &sampleSpec, nullptr);
+    stream_ = pa_stream_new(connection_->context(), "nimbara", &sampleSpec, nullptr);
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &Stream::onState, this);
     pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
@@ -270,20 +281,26 @@ class PulseDevice::Stream : public OutputStream {
     for (;;) {
       const pa_stream_state_t state = pa_stream_get_state(stream_);
       if (state == PA_STREAM_READY) break;
-      if (!PA_STREAM_IS_GOOD(state) || !connection_.alive()) return NIMBARA_AUDIO_ERR_STREAM;
-      waitForSignal(connection_.loop());
+      if (!PA_STREAM_IS_GOOD(state) || !connection_->alive()) return NIMBARA_AUDIO_ERR_STREAM;
+      waitForSignal(connection_->loop());
     }
     // Keep the server's whole buffer and its start threshold covered, plus two
     // buffers, so that the queue never starves the stream.
     const pa_buffer_attr* actual = pa_stream_get_buffer_attr(stream_);
     lead_ = std::max(actual->tlength, actual->prebuf) + 2 * 2940;
-    timer_ = pa_context_rttime_new(connection_.context(), pa_rtclock_now() + kPumpPeriodUsec,
+    timer_ = pa_context_rttime_new(connection_->context(), pa_rtclock_now() + kPumpPeriodUsec,
                                    &Stream::onTimer, this);
     return NIMBARA_AUDIO_OK;
   }
 
-  void play(const std::int16_t* samples, std::size_t frames,
-            const std::atomic<bool>& stop) override {
+  // The ring holds every buffer a queue can have in flight.
+  std::int32_t prepareBuffer(std::uint32_t byteSize) override {
+    ringBytesPromised_ += byteSize;
+    return ringBytesPromised_ <= kRingBytes ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+
+  std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                    const std::atomic<bool>& stop) override {
     const std::size_t bytes = frames * kBytesPerFrame;
     if (!dead()) {
       while (ring_.space() < bytes && !dead() && !stop.load(std::memory_order_acquire)) pause();
@@ -297,35 +314,41 @@ class PulseDevice::Stream : public OutputStream {
         pause();
       }
     }
-    if (dead()) playWithoutOutput(frames, stop);
+    if (!dead()) return NIMBARA_AUDIO_OK;
+    playWithoutOutput(frames, stop);
+    return NIMBARA_AUDIO_ERR_LOST;
   }
 
-  void close() override {
-    if (closed_) return;
+  std::int32_t close() override {
+    if (closed_) return closeStatus_;
     closed_ = true;
-    if (connection_.loop() == nullptr) return;
-    Connection::Lock lock(connection_.loop());
+    Connection::Lock lock(connection_->loop());
     if (timer_ != nullptr) {
-      pa_threaded_mainloop_get_api(connection_.loop())->time_free(timer_);
+      pa_threaded_mainloop_get_api(connection_->loop())->time_free(timer_);
       timer_ = nullptr;
     }
-    if (stream_ == nullptr) return;
+    if (stream_ == nullptr) return closeStatus_;
     if (!dead()) {
       // Let the tail that was handed over play out before the stream goes.
       pump();
-      connection_.await(pa_stream_drain(stream_, &Stream::onDrained, this));
+      if (!connection_->await(pa_stream_drain(stream_, &Stream::onDrained, this)) || dead()) {
+        closeStatus_ = NIMBARA_AUDIO_ERR_LOST;
+      }
+    } else if (handed_ > 0) {
+      closeStatus_ = NIMBARA_AUDIO_ERR_LOST;
     }
     pa_stream_set_state_callback(stream_, nullptr, nullptr);
     pa_stream_set_write_callback(stream_, nullptr, nullptr);
     pa_stream_disconnect(stream_);
     pa_stream_unref(stream_);
     stream_ = nullptr;
+    return closeStatus_;
   }
 
  private:
   static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
-  bool dead() const { return lost_.load(std::memory_order_acquire) || !connection_.alive(); }
+  bool dead() const { return lost_.load(std::memory_order_acquire) || !connection_->alive(); }
 
   // The server is gone: the buffers still take their time, and go nowhere.
   void playWithoutOutput(std::size_t frames, const std::atomic<bool>& stop) {
@@ -361,35 +384,37 @@ class PulseDevice::Stream : public OutputStream {
   }
 
   static void onState(pa_stream* stream, void* self) {
-    InCallback scope;
     auto* s = static_cast<Stream*>(self);
+    InCallback scope(s->connection_->loop());
     if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
       s->lost_.store(true, std::memory_order_release);
     }
-    s->connection_.signal();
+    s->connection_->signal();
   }
 
   static void onWritable(pa_stream*, std::size_t, void* self) {
-    InCallback scope;
     auto* s = static_cast<Stream*>(self);
+    InCallback scope(s->connection_->loop());
     s->pump();
   }
 
   static void onTimer(pa_mainloop_api*, pa_time_event* event, const struct timeval*, void* self) {
-    InCallback scope;
     auto* s = static_cast<Stream*>(self);
+    InCallback scope(s->connection_->loop());
     s->pump();
-    pa_context_rttime_restart(s->connection_.context(), event, pa_rtclock_now() + kPumpPeriodUsec);
+    pa_context_rttime_restart(s->connection_->context(), event, pa_rtclock_now() + kPumpPeriodUsec);
   }
 
   static void onDrained(pa_stream*, int, void* self) {
-    InCallback scope;
     auto* s = static_cast<Stream*>(self);
-    s->connection_.signal();
+    InCallback scope(s->connection_->loop());
+    s->connection_->signal();
   }
 
-  Connection connection_;
+  std::shared_ptr<Connection> connection_;
   pa_stream* stream_ = nullptr;
+  std::size_t ringBytesPromised_ = 0;
+  std::int32_t closeStatus_ = NIMBARA_AUDIO_OK;
   pa_time_event* timer_ = nullptr;
   ByteRing ring_;
   std::size_t handed_ = 0;  // queue thread only
@@ -403,24 +428,58 @@ class PulseDevice::Stream : public OutputStream {
 PulseDevice::PulseDevice(std::string server, std::string sink)
     : server_(std::move(server)), sink_(std::move(sink)) {}
 
+PulseDevice::~PulseDevice() = default;
+
+std::int32_t PulseDevice::connection(std::shared_ptr<Connection>* out) {
+  std::lock_guard lock(mutex_);
+  if (!connection_ || !connection_->alive()) {
+    std::shared_ptr<Connection> fresh;
+    try {
+      fresh = std::make_shared<Connection>();
+    } catch (const std::bad_alloc&) {
+      return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    }
+    if (const std::int32_t status = fresh->connect(server_)) return status;
+    connection_ = std::move(fresh);
+  }
+  *out = connection_;
+  return NIMBARA_AUDIO_OK;
+}
+
 std::int32_t PulseDevice::openStream(const NimbaraStreamFormat&,
                                      std::unique_ptr<OutputStream>* stream) {
-  auto opened = std::make_unique<Stream>();
-  if (const std::int32_t status = opened->open(server_, sink_)) return status;
-  *stream = std::move(opened);
+  std::shared_ptr<Connection> shared;
+  if (const std::int32_t status = connection(&shared)) return status;
+  try {
+    auto opened = std::make_unique<Stream>(std::move(shared));
+    if (const std::int32_t status = opened->open(sink_)) return status;
+    *stream = std::move(opened);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
   return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::readFacts(void* facts) {
+  std::shared_ptr<Connection> shared;
+  if (const std::int32_t status = connection(&shared)) return status;
+  try {
+    return readSink(*shared, sink_, static_cast<SinkFacts*>(facts));
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
 }
 
 std::int32_t PulseDevice::routeName(std::string* name) {
   SinkFacts facts;
-  if (const std::int32_t status = readSink(server_, sink_, &facts)) return status;
+  if (const std::int32_t status = readFacts(&facts)) return status;
   *name = facts.route;
   return NIMBARA_AUDIO_OK;
 }
 
 std::int32_t PulseDevice::outputLevel(OutputLevel* level) {
   SinkFacts facts;
-  if (const std::int32_t status = readSink(server_, sink_, &facts)) return status;
+  if (const std::int32_t status = readFacts(&facts)) return status;
   *level = facts.level;
   return NIMBARA_AUDIO_OK;
 }

@@ -29,8 +29,18 @@ std::shared_ptr<Backend> makeDefaultBackend() {
 
 }  // namespace
 
-void OutputStream::enqueued(const std::int16_t*, std::size_t) {}
-void OutputStream::close() {}
+std::int32_t OutputStream::prepareBuffer(std::uint32_t) {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t OutputStream::enqueued(const std::int16_t*, std::size_t) {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t OutputStream::start() {
+  return NIMBARA_AUDIO_OK;
+}
+std::int32_t OutputStream::close() {
+  return NIMBARA_AUDIO_OK;
+}
 
 std::int32_t Backend::initializeSession() {
   return NIMBARA_AUDIO_OK;
@@ -46,9 +56,6 @@ std::int32_t Backend::setPreferredSampleRate(double) {
 }
 void Backend::sleep(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-}
-std::int32_t Backend::injectedFault(Call, unsigned) {
-  return NIMBARA_AUDIO_OK;
 }
 bool Backend::returnsBuffersAfterDispose() const {
   return true;
@@ -106,9 +113,6 @@ int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity) {
   if (name == nullptr || capacity == 0) return NIMBARA_AUDIO_ERR_INVALID;
   name[0] = '\0';
   auto backend = currentBackend();
-  if (const std::int32_t fault = backend->injectedFault(nimbara::platform::Call::RouteQuery, 1)) {
-    return fault;
-  }
   std::string route;
   if (const std::int32_t status = backend->routeName(&route)) return status;
   const std::size_t n = std::min(route.size(), capacity - 1);

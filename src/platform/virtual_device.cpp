@@ -1,6 +1,7 @@
 #include <nimbara/platform/virtual_device.h>
 
 #include <chrono>
+#include <new>
 #include <thread>
 
 namespace nimbara::platform {
@@ -26,12 +27,13 @@ class VirtualDevice::Stream : public OutputStream {
     }
   }
 
-  void enqueued(const std::int16_t* samples, std::size_t frames) override {
+  std::int32_t enqueued(const std::int16_t* samples, std::size_t frames) override {
     append(enqueued_, samples, frames * 2);
+    return NIMBARA_AUDIO_OK;
   }
 
-  void play(const std::int16_t* samples, std::size_t frames,
-            const std::atomic<bool>& stop) override {
+  std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                    const std::atomic<bool>& stop) override {
     const double scale = device_.options_.timeScale;
     if (scale > 0) {
       // The buffer is played once the device clock has passed its last frame.
@@ -55,13 +57,14 @@ class VirtualDevice::Stream : public OutputStream {
         std::this_thread::sleep_for(
             std::min<Clock::duration>(due - now, std::chrono::milliseconds(2)));
       }
-      if (stop.load(std::memory_order_acquire)) return;
+      if (stop.load(std::memory_order_acquire)) return NIMBARA_AUDIO_OK;
     }
     framesPlayed_ += frames;
     append(played_, samples, frames * 2);
+    return NIMBARA_AUDIO_OK;
   }
 
-  void close() override { device_.keep(enqueued_, played_); }
+  std::int32_t close() override { return device_.keep(enqueued_, played_); }
 
  private:
   VirtualDevice& device_;
@@ -78,7 +81,11 @@ VirtualDevice::VirtualDevice(Options options)
 
 std::int32_t VirtualDevice::openStream(const NimbaraStreamFormat&,
                                        std::unique_ptr<OutputStream>* stream) {
-  *stream = std::make_unique<Stream>(*this);
+  try {
+    *stream = std::make_unique<Stream>(*this);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
   return NIMBARA_AUDIO_OK;
 }
 
@@ -121,12 +128,6 @@ void VirtualDevice::sleep(double seconds) {
   }
 }
 
-std::int32_t VirtualDevice::injectedFault(Call call, unsigned occurrence) {
-  const Fault& fault = faults_[static_cast<std::size_t>(call)];
-  const std::int32_t status = fault.status.load(std::memory_order_acquire);
-  return status != 0 && fault.occurrence.load(std::memory_order_acquire) == occurrence ? status : 0;
-}
-
 std::uint64_t VirtualDevice::underruns() const {
   return underruns_.load(std::memory_order_relaxed);
 }
@@ -140,25 +141,20 @@ void VirtualDevice::setRoute(std::string route) {
   route_ = std::move(route);
 }
 
-void VirtualDevice::failCall(Call call, std::int32_t status, unsigned occurrence) {
-  Fault& fault = faults_[static_cast<std::size_t>(call)];
-  fault.occurrence.store(occurrence, std::memory_order_release);
-  fault.status.store(status, std::memory_order_release);
-}
-
-void VirtualDevice::clearFaults() {
-  for (Fault& fault : faults_) fault.status.store(0, std::memory_order_release);
-}
-
 void VirtualDevice::setReturnsBuffersAfterDispose(bool returns) {
   returnsBuffers_.store(returns, std::memory_order_release);
 }
 
-void VirtualDevice::keep(const std::vector<std::int16_t>& enqueued,
-                         const std::vector<std::int16_t>& played) {
+std::int32_t VirtualDevice::keep(const std::vector<std::int16_t>& enqueued,
+                                 const std::vector<std::int16_t>& played) {
   std::lock_guard lock(mutex_);
-  enqueued_.insert(enqueued_.end(), enqueued.begin(), enqueued.end());
-  played_.insert(played_.end(), played.begin(), played.end());
+  try {
+    enqueued_.insert(enqueued_.end(), enqueued.begin(), enqueued.end());
+    played_.insert(played_.end(), played.begin(), played.end());
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;  // the recording is incomplete
+  }
+  return NIMBARA_AUDIO_OK;
 }
 
 std::vector<std::int16_t> VirtualDevice::enqueuedSamples() const {

@@ -1,7 +1,9 @@
 #include <nimbara/platform/wav_device.h>
 
 #include <array>
+#include <chrono>
 #include <cstring>
+#include <new>
 
 namespace nimbara::platform {
 namespace {
@@ -53,10 +55,11 @@ bool writeSamples(std::FILE* file, const std::int16_t* samples, std::size_t coun
 class WavDevice::Stream : public OutputStream {
  public:
   explicit Stream(WavDevice& device) : device_(device) {}
-  void play(const std::int16_t* samples, std::size_t frames, const std::atomic<bool>&) override {
-    device_.write(samples, frames);
+  std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                    const std::atomic<bool>&) override {
+    return device_.write(samples, frames);
   }
-  void close() override { device_.finishHeader(); }
+  std::int32_t close() override { return device_.finishHeader(); }
 
  private:
   WavDevice& device_;
@@ -72,37 +75,56 @@ WavDevice::~WavDevice() {
 std::int32_t WavDevice::openStream(const NimbaraStreamFormat&,
                                    std::unique_ptr<OutputStream>* stream) {
   std::lock_guard lock(mutex_);
+  if (failed_) return NIMBARA_AUDIO_ERR_IO;
   if (file_ == nullptr) {
     file_ = std::fopen(path_.c_str(), "wb");
-    if (file_ == nullptr) return NIMBARA_AUDIO_ERR_IO;
+    if (file_ == nullptr) return failLocked();
     const auto header = wavHeader(0);
-    if (std::fwrite(header.data(), 1, header.size(), file_) != header.size()) {
-      return NIMBARA_AUDIO_ERR_IO;
-    }
+    if (std::fwrite(header.data(), 1, header.size(), file_) != header.size()) return failLocked();
   }
-  *stream = std::make_unique<Stream>(*this);
+  try {
+    *stream = std::make_unique<Stream>(*this);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
   return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t WavDevice::failLocked() {
+  failed_ = true;
+  if (file_ != nullptr) {
+    std::fclose(file_);
+    file_ = nullptr;
+    std::remove(path_.c_str());  // no truncated file is left behind
+  }
+  progress_.notify_all();
+  return NIMBARA_AUDIO_ERR_IO;
 }
 
 std::int32_t WavDevice::write(const std::int16_t* samples, std::size_t frames) {
   std::lock_guard lock(mutex_);
   if (file_ == nullptr || failed_) return NIMBARA_AUDIO_ERR_IO;
-  if (!writeSamples(file_, samples, frames * 2)) {
-    failed_ = true;
-    return NIMBARA_AUDIO_ERR_IO;
-  }
+  if (!writeSamples(file_, samples, frames * 2)) return failLocked();
   frames_ += frames;
+  progress_.notify_all();
   return NIMBARA_AUDIO_OK;
 }
 
 std::int32_t WavDevice::finishHeader() {
   std::lock_guard lock(mutex_);
-  if (file_ == nullptr) return NIMBARA_AUDIO_ERR_IO;
+  ++closedStreams_;
+  progress_.notify_all();
+  if (file_ == nullptr || failed_) return NIMBARA_AUDIO_ERR_IO;
   const auto header = wavHeader(frames_);
   const bool ok = std::fseek(file_, 0, SEEK_SET) == 0 &&
                   std::fwrite(header.data(), 1, header.size(), file_) == header.size() &&
                   std::fseek(file_, 0, SEEK_END) == 0 && std::fflush(file_) == 0;
-  return ok && !failed_ ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_IO;
+  return ok ? NIMBARA_AUDIO_OK : failLocked();
+}
+
+std::int32_t WavDevice::status() const {
+  std::lock_guard lock(mutex_);
+  return failed_ ? NIMBARA_AUDIO_ERR_IO : NIMBARA_AUDIO_OK;
 }
 
 std::int32_t WavDevice::routeName(std::string* name) {
@@ -111,7 +133,17 @@ std::int32_t WavDevice::routeName(std::string* name) {
   return NIMBARA_AUDIO_OK;
 }
 
-void WavDevice::sleep(double) {}
+// The file takes sound as fast as the disk allows, so a pause lasts until that
+// much more sound has been written, a stream has closed, or the output failed:
+// a waiting caller polls about as often as on a real-time output, without
+// spinning. Real time bounds the wait, in case nothing is being written.
+void WavDevice::sleep(double seconds) {
+  std::unique_lock lock(mutex_);
+  const std::size_t until = frames_ + static_cast<std::size_t>(seconds * 44100.0);
+  const std::size_t closed = closedStreams_;
+  progress_.wait_for(lock, std::chrono::duration<double>(seconds),
+                     [&] { return frames_ >= until || closedStreams_ != closed || failed_; });
+}
 
 void WavDevice::setRoute(std::string route) {
   std::lock_guard lock(mutex_);
@@ -131,6 +163,7 @@ std::int32_t writeWavFile(const std::string& path, const std::int16_t* samples,
   bool ok = std::fwrite(header.data(), 1, header.size(), file) == header.size() &&
             writeSamples(file, samples, frames * 2);
   ok = std::fclose(file) == 0 && ok;
+  if (!ok) std::remove(path.c_str());
   return ok ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_IO;
 }
 

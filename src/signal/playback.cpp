@@ -133,6 +133,10 @@ int32_t executeFunction(FrameNode* frame, uint32_t /*expectedReplyCode*/, unsign
     nimbaraThreadSleep(kPollSeconds);
   }
   NIMBARA_LOG("#play wait after.");
+  // The sound is not out until the output has taken the last buffer: a write
+  // error or a lost server up to then is this transmission's failure.
+  nimbaraAudioQueueWaitUntilDone(context->queue);
+  const std::int32_t status = nimbaraAudioQueueGetStatus(context->queue);
   dropHold(context);
-  return 0;
+  return status;
 }

@@ -24,7 +24,8 @@ enum {
   NIMBARA_AUDIO_ERR_BUSY = -6,      /**< buffer already enqueued, or queue already started */
   NIMBARA_AUDIO_ERR_IO = -7,        /**< the output (a file, a stream) failed */
   NIMBARA_AUDIO_ERR_NO_ROUTE = -8,  /**< the current route cannot be read */
-  NIMBARA_AUDIO_ERR_STREAM = -9     /**< the server refused the playback stream */
+  NIMBARA_AUDIO_ERR_STREAM = -9,    /**< the server refused the playback stream */
+  NIMBARA_AUDIO_ERR_LOST = -10      /**< the output went away while playing */
 };
 
 /** Text of a status, for messages; never null. */
@@ -86,6 +87,13 @@ NIMBARA_API int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue);
 /** Stops the output at once (immediate must be true; there is no deferred mode).
  * Safe inside the output callback. */
 NIMBARA_API int32_t nimbaraAudioQueueDispose(NimbaraAudioQueueRef queue, bool immediate);
+/** The first failure of the output since the queue started (a write error, a
+ * lost server, a failed close), or 0. */
+NIMBARA_API int32_t nimbaraAudioQueueGetStatus(NimbaraAudioQueueRef queue);
+/** Waits until the queue's thread has played or returned every buffer and
+ * closed its stream; at once for a queue that never started. Not from the
+ * output callback. */
+NIMBARA_API void nimbaraAudioQueueWaitUntilDone(NimbaraAudioQueueRef queue);
 /** Gives the handle back. A queue still running is stopped without further
  * callbacks. The queue's memory goes once its thread has finished too. */
 NIMBARA_API void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue);

@@ -14,24 +14,31 @@
 
 namespace nimbara::platform {
 
-/** The platform calls a backend can be told to fail (see VirtualDevice). */
-enum class Call { NewOutput, AllocateBuffer, Start, Enqueue, RouteQuery };
-
-/** One playback stream of a backend, fed by one queue's thread. */
+/** One playback stream of a backend, fed by one queue. Every status is 0 or a
+ * negative NIMBARA_AUDIO_ERR_... value. */
 class NIMBARA_API OutputStream {
  public:
   virtual ~OutputStream() = default;
-  /** Sees every buffer as it is enqueued, on the enqueuing thread. Must not
-   * allocate, lock or wait. */
-  virtual void enqueued(const std::int16_t* samples, std::size_t frames);
+  /** A buffer of byteSize bytes is being allocated for the stream, on the
+   * application's thread; a stream that cannot take it refuses. */
+  virtual std::int32_t prepareBuffer(std::uint32_t byteSize);
+  /** Sees every buffer as it is enqueued, on the enqueuing thread (the output
+   * callback too). Must not allocate, lock or wait. A refusal keeps the buffer
+   * out of the queue. */
+  virtual std::int32_t enqueued(const std::int16_t* samples, std::size_t frames);
+  /** The queue starts, on the application's thread. */
+  virtual std::int32_t start();
   /** Plays one buffer of interleaved stereo frames on the queue's thread and
    * returns once the output has taken it: the backend's clock paces here.
-   * Returns early once `stop` is set. Must not allocate or lock. */
-  virtual void play(const std::int16_t* samples, std::size_t frames,
-                    const std::atomic<bool>& stop) = 0;
+   * Returns early once `stop` is set. Must not allocate or lock. A failure (a
+   * write error, a lost server) is returned, and the buffer still takes its
+   * time, so that the transmission keeps its timing; the queue keeps the
+   * first failure for the caller. */
+  virtual std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                            const std::atomic<bool>& stop) = 0;
   /** Called once on the queue's thread after the last callback, outside the
-   * real-time path: flush, close, tear down. */
-  virtual void close();
+   * real-time path: flush, drain, close. Its failure counts like play's. */
+  virtual std::int32_t close();
 };
 
 /** An audio output and its session. Every call but OutputStream's runs on the
@@ -51,9 +58,6 @@ class NIMBARA_API Backend {
   virtual std::int32_t setPreferredSampleRate(double rate);
   /** The thread pause on this backend's clock; real time by default. */
   virtual void sleep(double seconds);
-  /** A status to fail the given call with (its occurrence counts from 1 per
-   * queue), or 0. */
-  virtual std::int32_t injectedFault(Call call, unsigned occurrence);
   /** Whether an immediate dispose hands the enqueued buffers back. */
   virtual bool returnsBuffersAfterDispose() const;
 };

@@ -9,6 +9,8 @@
 #include <nimbara/platform/backend.h>
 
 #ifdef __cplusplus
+#include <memory>
+#include <mutex>
 #include <string>
 
 namespace nimbara::platform {
@@ -20,6 +22,7 @@ class NIMBARA_API PulseDevice : public Backend {
    * name of the sink to play on; empty for the server's default sink. The
    * route, the level and the stream all concern that sink. */
   explicit PulseDevice(std::string server = {}, std::string sink = {});
+  ~PulseDevice() override;
 
   const char* name() const override { return "pulse"; }
   std::int32_t openStream(const NimbaraStreamFormat& format,
@@ -34,10 +37,18 @@ class NIMBARA_API PulseDevice : public Backend {
   };
   std::int32_t outputLevel(OutputLevel* level);
 
+  /** The server connection the device shares between its queries and streams. */
+  class Connection;
+
  private:
   class Stream;
+  std::int32_t connection(std::shared_ptr<Connection>* out);
+  std::int32_t readFacts(void* facts);
+
   const std::string server_;
   const std::string sink_;
+  std::mutex mutex_;
+  std::shared_ptr<Connection> connection_;
 };
 
 }  // namespace nimbara::platform

@@ -1,6 +1,6 @@
 /* The virtual device: an audio output that plays into memory, on a clock of
  * its own, so that everything runs headless. It records what it is handed and
- * what it plays, has a settable route, and fails any platform call on request. */
+ * what it plays, and has a settable route. */
 #ifndef NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
 #define NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
 
@@ -41,14 +41,9 @@ class NIMBARA_API VirtualDevice : public Backend {
   std::int32_t setActive(bool active) override;
   std::int32_t setPreferredSampleRate(double rate) override;
   void sleep(double seconds) override;
-  std::int32_t injectedFault(Call call, unsigned occurrence) override;
   bool returnsBuffersAfterDispose() const override;
 
   void setRoute(std::string route);
-  /** Fails the occurrence-th call of that kind on every queue (1 for the
-   * creation, start and route query) with status; status 0 clears it. */
-  void failCall(Call call, std::int32_t status, unsigned occurrence = 1);
-  void clearFaults();
   void setReturnsBuffersAfterDispose(bool returns);
 
   /** Interleaved stereo samples of the streams that have finished, in order:
@@ -74,15 +69,11 @@ class NIMBARA_API VirtualDevice : public Backend {
 
  private:
   class Stream;
-  struct Fault {
-    std::atomic<std::int32_t> status{0};
-    std::atomic<unsigned> occurrence{0};
-  };
 
-  void keep(const std::vector<std::int16_t>& enqueued, const std::vector<std::int16_t>& played);
+  std::int32_t keep(const std::vector<std::int16_t>& enqueued,
+                    const std::vector<std::int16_t>& played);
 
   const Options options_;
-  std::array<Fault, 5> faults_;
   std::atomic<bool> returnsBuffers_{true};
   std::atomic<std::uint64_t> underruns_{0};
   mutable std::mutex mutex_;
