@@ -71,18 +71,41 @@ contains "no samples" "$work/err" "holds no samples"
 check "unwritable output" 1 "$tool" render doEcho 1 --out "$work/none/x.wav" && one_line "unwritable"
 if ls "$work"/none* "$work"/*.partial >/dev/null 2>&1; then
   echo "FAIL: a partial file was left behind"; failures=$((failures + 1)); fi
+# An output that cannot take the sound fails the command, and leaves no file.
+check "wav into no folder" 1 "$tool" --device "wav:$work/none/x.wav" flash 1 2 3 &&
+  one_line "wav into no folder"
+contains "wav into no folder" "$work/err" "cannot write $work/none/x.wav"
+check "wav on a full disk" 1 "$tool" --device wav:/dev/full flash 1 2 3 && one_line "full disk"
+check "wav past the size limit" 1 bash -c "ulimit -f 20; exec '$tool' --device 'wav:$work/big.wav' flash 1 2 3"
+one_line "wav past the size limit"
+check "render past the size limit" 1 bash -c \
+  "ulimit -f 20; exec '$tool' render doLightLed 1 2 3 0 500 --out '$work/big2.wav'"
+if ls "$work"/big* >/dev/null 2>&1; then
+  echo "FAIL: a truncated file was left behind"; failures=$((failures + 1)); fi
+check "render onto a full device" 1 "$tool" render doLightLed 1 2 3 0 500 --out /dev/full &&
+  one_line "render onto a full device"
+if [ ! -c /dev/full ]; then echo "FAIL: /dev/full was replaced"; failures=$((failures + 1)); fi
+
 check "no device" 3 "$tool" --device virtual --route Speaker puff 1 2 3 && one_line "no device"
 contains "no device" "$work/err" "No device."
+check "status without a device" 3 "$tool" --device virtual --route Speaker status
+contains "status without a device" "$work/out" "device: absent"
 check "no server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" status && one_line "no server"
 contains "no server" "$work/err" "--device virtual"
 
 # The virtual accessory shows what it did; the skip switch sends without a route.
 check "virtual puff" 0 "$tool" --device virtual puff 255 64 0 --time 2000
+contains "virtual puff" "$work/out" "time 2000 ms (the accessory sprays 1000 ms"
 contains "virtual puff" "$work/out" "accessory: sprays for 1000 ms, LED rgb(255, 64, 0)"
 check "skip precheck" 0 "$tool" --device virtual --route Speaker --skip-precheck flash 0 0 255
 contains "skip precheck" "$work/out" "accessory: LED rgb(0, 0, 255) special 0 for 500 ms"
 check "tank" 0 "$tool" --device virtual --json tank
 contains "tank" "$work/out" '"base64": "bbwAAAAAAA=="'
+check "tank says what it is" 0 "$tool" --device virtual tank
+contains "tank says what it is" "$work/out" "no reply is heard, so this is the library's fixed identity"
+contains "tank says what it is" "$work/out" "accessory: is asked for its tank identity"
+check "echo says what it is" 0 "$tool" --device virtual echo 77
+contains "echo says what it is" "$work/out" "no reply is heard"
 check "wav device" 0 "$tool" --device "wav:$work/played.wav" flash 1 2 3
 check "decode what the wav device heard" 0 "$tool" decode "$work/played.wav"
 contains "wav device" "$work/out" "flash rgb(1, 2, 3)"
@@ -99,6 +122,39 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   check "status on the server" 0 "$tool" status
   contains "status" "$work/out" "route: Headphones"
   contains "status" "$work/out" "device: present"
+  check "status on the speaker" 3 "$tool" --device pulse:speaker status
+  contains "status on the speaker" "$work/out" "route: Speaker"
+
+  # A turned-down output is warned about before a flash; the flash still goes.
+  pactl set-sink-volume headphones 50%
+  check "flash at half volume" 0 "$tool" flash 1 2 3
+  contains "flash at half volume" "$work/err" "warning: the output is below full volume"
+  pactl set-sink-volume headphones 100%
+
+  # A server that goes away while a puff plays fails the puff.
+  private="$work/private"
+  mkdir -p "$private/run"
+  chmod 700 "$private/run"
+  printf 'load-module module-native-protocol-unix socket=%s auth-anonymous=1\n%s\n' \
+    "$private/native" "load-module module-null-sink sink_name=h sink_properties=device.description=Headphones" \
+    >"$private/server.pa"
+  HOME="$private" XDG_RUNTIME_DIR="$private/run" pulseaudio --daemonize=no -n -F "$private/server.pa" \
+    --exit-idle-time=-1 --use-pid-file=no --log-target=file:"$private/log" &
+  server=$!
+  for _ in $(seq 100); do PULSE_SERVER="unix:$private/native" pactl info >/dev/null 2>&1 && break; sleep 0.05; done
+  PULSE_SERVER="unix:$private/native" "$tool" puff 1 2 3 >"$work/out" 2>"$work/err" &
+  puff=$!
+  # Once its stream is on the server, the puff is under way.
+  for _ in $(seq 200); do
+    [ -n "$(PULSE_SERVER="unix:$private/native" pactl list short sink-inputs 2>/dev/null)" ] && break
+  done
+  kill -9 "$server"
+  wait "$server" 2>/dev/null
+  wait "$puff"
+  status=$?
+  if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
+    echo "FAIL: a puff whose server died: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+  one_line "a puff whose server died"
 else
   echo "listen: skipped (no test PulseAudio server)"
 fi

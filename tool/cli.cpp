@@ -41,11 +41,15 @@ int runTool(int argc, const char* const* argv, bool execute) {
   });
 
   tool::Globals globals;
-  app.add_option("--device", globals.device, "audio output: pulse, virtual or wav:PATH")
+  app.add_option("--device", globals.device,
+                 "audio output: pulse (the default sink), pulse:SINK, virtual or wav:PATH")
       ->check([](const std::string& device) {
         if (device == "pulse" || device == "virtual") return std::string();
-        if (device.rfind("wav:", 0) == 0 && device.size() > 4) return std::string();
-        return std::string("must be pulse, virtual or wav:PATH");
+        if ((device.starts_with("wav:") && device.size() > 4) ||
+            (device.starts_with("pulse:") && device.size() > 6)) {
+          return std::string();
+        }
+        return std::string("must be pulse, pulse:SINK, virtual or wav:PATH");
       });
   app.add_option("--route", globals.route, "route name of the virtual or wav output");
   app.add_flag("--verbose", globals.verbose, "show the library's log lines");
@@ -53,15 +57,22 @@ int runTool(int argc, const char* const* argv, bool execute) {
   app.add_flag("--skip-precheck", globals.skipPrecheck,
                "do not check for headphones on the audio route (SKIP_PRECHECK)");
 
-  auto* status = app.add_subcommand("status", "the audio route, the device's presence, the volume");
+  auto* status = app.add_subcommand(
+      "status", "the audio route, the device's presence and the volume; exit 3 when absent");
   tool::LedRequest flashLed, puffLed;
   auto* flash = app.add_subcommand("flash", "flash the LED");
   addLedOptions(flash, flashLed);
   auto* puff = app.add_subcommand("puff", "puff a scent while flashing the LED");
   addLedOptions(puff, puffLed);
-  auto* tank = app.add_subcommand("tank", "read the tank identity");
+  auto* tank = app.add_subcommand(
+      "tank",
+      "send the tank identity query; the reply is not heard, so the library's fixed identity "
+      "is printed");
   std::uint64_t echoNumber = 0;
-  auto* echo = app.add_subcommand("echo", "echo a number");
+  auto* echo = app.add_subcommand(
+      "echo",
+      "send a number to echo; the reply is not heard, so the library's fixed answer (0) "
+      "is printed");
   echo->add_option("N", echoNumber, "number, 0 to 4294967295")
       ->required()
       ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{4294967295u}));

@@ -1,6 +1,8 @@
 // render and decode: the signal as a WAV file, and back.
 #include <nimbara/nimbara.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -95,6 +97,22 @@ std::vector<long> parseArguments(const std::string& operation, const Operation& 
   return values;
 }
 
+// A regular file is written beside the target and renamed into place, so no
+// partial file is ever seen; a device or a pipe is written in place.
+void writeWav(const std::string& out, const std::vector<std::int16_t>& samples) {
+  struct stat status {};
+  const bool special = ::stat(out.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  const std::string target = special ? out : out + ".partial";
+  errno = 0;
+  if (nimbara::platform::writeWavFile(target, samples.data(), samples.size() / 2) == 0 &&
+      (special || std::rename(target.c_str(), out.c_str()) == 0)) {
+    return;
+  }
+  const std::string why = errno != 0 ? std::strerror(errno) : "write error";
+  if (!special) std::remove(target.c_str());
+  throw std::runtime_error("cannot write " + out + ": " + why);
+}
+
 }  // namespace
 
 int runRender(const Globals& globals, const RenderRequest& request) {
@@ -113,14 +131,7 @@ int runRender(const Globals& globals, const RenderRequest& request) {
   nimbara::platform::waitUntilIdle();
   const auto samples = device->enqueuedSamples();
 
-  // Written beside the target and renamed into place: no partial file is left.
-  const std::string partial = request.out + ".partial";
-  if (nimbara::platform::writeWavFile(partial, samples.data(), samples.size() / 2) != 0 ||
-      std::rename(partial.c_str(), request.out.c_str()) != 0) {
-    const std::string why = std::strerror(errno);
-    std::remove(partial.c_str());
-    throw std::runtime_error("cannot write " + request.out + ": " + why);
-  }
+  writeWav(request.out, samples);
   if (globals.json) {
     std::printf("{\"operation\": %s, \"out\": %s, \"frames\": %zu}\n",
                 jsonString(request.operation).c_str(), jsonString(request.out).c_str(),

@@ -1,5 +1,7 @@
 #include <nimbara/platform/wav_device.h>
 
+#include <sys/stat.h>
+
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -50,6 +52,13 @@ bool writeSamples(std::FILE* file, const std::int16_t* samples, std::size_t coun
   return true;
 }
 
+// A failed file goes, so that nothing truncated is left; a device or a pipe
+// named as the output stays.
+void removeIfRegular(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) std::remove(path.c_str());
+}
+
 }  // namespace
 
 class WavDevice::Stream : public OutputStream {
@@ -95,7 +104,7 @@ std::int32_t WavDevice::failLocked() {
   if (file_ != nullptr) {
     std::fclose(file_);
     file_ = nullptr;
-    std::remove(path_.c_str());  // no truncated file is left behind
+    removeIfRegular(path_);
   }
   progress_.notify_all();
   return NIMBARA_AUDIO_ERR_IO;
@@ -163,7 +172,7 @@ std::int32_t writeWavFile(const std::string& path, const std::int16_t* samples,
   bool ok = std::fwrite(header.data(), 1, header.size(), file) == header.size() &&
             writeSamples(file, samples, frames * 2);
   ok = std::fclose(file) == 0 && ok;
-  if (!ok) std::remove(path.c_str());
+  if (!ok) removeIfRegular(path);
   return ok ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_IO;
 }
 
