@@ -7,10 +7,14 @@
 // Sanitizers interpose the same functions, and are not ready when the first
 // allocation comes: under any of them the interposition is left out and the
 // tests skip.
+#include <nimbara/api/command.h>
+#include <nimbara/device/operations.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
+#include <nimbara/platform/virtual_device.h>
 #include <nimbara/signal/playback.h>
+#include <nimbara/signal/signal_units.h>
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -156,6 +160,55 @@ TEST(RealTime, TheAudioPathNeitherAllocatesNorFreesNorLocks) {
     EXPECT_EQ(device->result.locks.load(), 0u) << "logging " << logging;
   }
   nimbara::setLogSink({});
+}
+
+// Fails the first, second, third... allocation of a whole flash in turn, on
+// whichever thread it happens (the caller's, the queue's, the log's): every
+// call returns, nothing crashes, and a success is only reported for a flash
+// that reached the output whole.
+TEST(AllocationFailure, EachFailedAllocationEndsTheTransmissionCleanly) {
+#ifdef NIMBARA_SANITIZED
+  GTEST_SKIP() << "the allocator is the sanitizer's";
+#else
+  // A sink that allocates, so that the log's own failures count too.
+  nimbara::setLogSink([](std::string_view line) { std::string copy(line); });
+  nimbara::platform::VirtualDevice::Options options;
+  options.timeScale = 0.001;
+  auto device = std::make_shared<nimbara::platform::VirtualDevice>(options);
+  nimbara::platform::setBackend(device);
+  const auto expected = nimbara::renderCommand(nimbara::makeCommand("flash", {1, 2, 3, 4, 500}));
+
+  long failedAt = 1;
+  int failures = 0, successes = 0;
+  for (; failedAt < 5000; ++failedAt) {
+    device->clearRecordings();
+    clearProtocolUnit();  // the fixed units are built within each transmission too
+    failCountdown.store(failedAt);
+    std::int32_t status = -1;
+    EXPECT_NO_THROW(status = doLightLed(1, 2, 3, 4, 500)) << "allocation " << failedAt;
+    nimbara::platform::waitUntilIdle();
+    const bool allocationFailed = failCountdown.exchange(0) <= 0;
+    if (status == 0) {
+      EXPECT_EQ(device->enqueuedSamples(), expected) << "allocation " << failedAt;
+      ++successes;
+    } else {
+      EXPECT_LT(status, 0) << "allocation " << failedAt;
+      ++failures;
+    }
+    if (!allocationFailed) break;  // past the last allocation of a flash
+  }
+  EXPECT_LT(failedAt, 5000);
+  RecordProperty("allocations", static_cast<int>(failedAt));
+  EXPECT_GT(failures, 0);
+  EXPECT_GT(successes, 1);
+  // And the library goes on as before.
+  device->clearRecordings();
+  EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), 0);
+  nimbara::platform::waitUntilIdle();
+  EXPECT_EQ(device->enqueuedSamples(), expected);
+  nimbara::platform::setBackend(nullptr);
+  nimbara::setLogSink({});
+#endif
 }
 
 }  // namespace

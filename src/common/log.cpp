@@ -18,6 +18,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -52,14 +53,29 @@ class LogPipe {
   static constexpr std::size_t kLineMax = 256;
 
   LogPipe() : sink_(writeToStderr) {
-    std::thread([this] { run(); }).detach();
-    std::atexit([] { instance().flush(); });
+    try {
+      std::thread([this] { run(); }).detach();
+    } catch (...) {
+      // No delivery thread: audio threads' lines wait for the next line
+      // logged elsewhere, or for a flush.
+    }
+    std::atexit([] {
+      if (LogPipe* pipe = instance()) pipe->flush();
+    });
   }
 
-  static LogPipe& instance() {
-    // Never destroyed: audio threads may still log while the process exits.
-    static LogPipe* pipe = new LogPipe;
-    return *pipe;
+  // Null while the pipe cannot be made (out of memory): logging is skipped
+  // and the next line tries again. Never destroyed: audio threads may still
+  // log while the process exits.
+  static LogPipe* instance() {
+    static std::atomic<LogPipe*> pipe{nullptr};
+    static std::mutex making;
+    if (LogPipe* made = pipe.load(std::memory_order_acquire)) return made;
+    std::lock_guard lock(making);
+    if (pipe.load(std::memory_order_relaxed) == nullptr) {
+      pipe.store(new (std::nothrow) LogPipe, std::memory_order_release);
+    }
+    return pipe.load(std::memory_order_relaxed);
   }
 
   bool silent() const { return !hasSink_.load(std::memory_order_acquire); }
@@ -158,27 +174,29 @@ class LogPipe {
 }  // namespace
 
 void setLogSink(LogSink sink) {
-  LogPipe::instance().setSink(std::move(sink));
+  if (LogPipe* pipe = LogPipe::instance()) pipe->setSink(std::move(sink));
 }
 void flushLog() {
-  LogPipe::instance().flush();
+  if (LogPipe* pipe = LogPipe::instance()) pipe->flush();
 }
 unsigned long long droppedLogLines() {
-  return LogPipe::instance().dropped();
+  const LogPipe* pipe = LogPipe::instance();
+  return pipe != nullptr ? pipe->dropped() : 0;
 }
 
 namespace detail {
 
 void log(const char* format, ...) {
   char line[LogPipe::kLineMax];
-  if (LogPipe::instance().silent()) return;
+  LogPipe* pipe = LogPipe::instance();
+  if (pipe == nullptr || pipe->silent()) return;
   va_list args;
   va_start(args, format);
   const int n = std::vsnprintf(line, sizeof line, format, args);
   va_end(args);
   if (n < 0) return;
   const std::size_t len = static_cast<std::size_t>(n) < sizeof line ? n : sizeof line - 1;
-  LogPipe::instance().write(line, len);
+  pipe->write(line, len);
 }
 
 void markAudioThread() {

@@ -86,6 +86,14 @@ struct ThreadRegistry {
     return *registry;
   }
 
+  // Room for one more thread, made before it starts: neither adding it nor
+  // its own markFinished can then fail for want of memory.
+  void reserveOne() {
+    std::lock_guard lock(mutex);
+    live.reserve(live.size() + 1);
+    finished.reserve(live.size() + finished.size() + 1);
+  }
+
   void add(std::thread thread) {
     std::lock_guard lock(mutex);
     live.push_back(std::move(thread));
@@ -96,22 +104,21 @@ struct ThreadRegistry {
     finished.push_back(std::this_thread::get_id());
   }
 
+  // Joins the threads that have finished. A finished thread has nothing left
+  // to do but count itself out, so joining under the lock is short, and
+  // needs no memory.
   void reap() {
-    std::vector<std::thread> done;
-    {
-      std::lock_guard lock(mutex);
-      // A thread may finish before its starter has registered it: such an id
-      // stays until the next reap.
-      std::erase_if(finished, [&](std::thread::id id) {
-        auto it = std::find_if(live.begin(), live.end(),
-                               [id](const std::thread& t) { return t.get_id() == id; });
-        if (it == live.end()) return false;
-        done.push_back(std::move(*it));
-        live.erase(it);
-        return true;
-      });
-    }
-    for (std::thread& thread : done) thread.join();
+    std::lock_guard lock(mutex);
+    // A thread may finish before its starter has registered it: such an id
+    // stays until the next reap.
+    std::erase_if(finished, [&](std::thread::id id) {
+      auto it = std::find_if(live.begin(), live.end(),
+                             [id](const std::thread& t) { return t.get_id() == id; });
+      if (it == live.end()) return false;
+      it->join();
+      live.erase(it);
+      return true;
+    });
   }
 };
 
@@ -200,8 +207,8 @@ int32_t nimbaraAudioQueueNewOutput(const NimbaraStreamFormat* format,
     return NIMBARA_AUDIO_ERR_INVALID;
   }
   if (!isPlayableFormat(*format)) return NIMBARA_AUDIO_ERR_FORMAT;
-  std::shared_ptr<Backend> backend = nimbara::platform::currentBackend();
-  if (!backend) return NIMBARA_AUDIO_ERR_NO_SERVER;
+  std::shared_ptr<Backend> backend = nimbara::platform::currentBackendOrNull();
+  if (!backend) return NIMBARA_AUDIO_ERR_NO_MEMORY;
   std::unique_ptr<OutputStream> stream;
   if (const std::int32_t status = backend->openStream(*format, &stream)) return status;
   if (!stream) return NIMBARA_AUDIO_ERR_STREAM;
@@ -263,8 +270,9 @@ int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
   runningQueues.fetch_add(1, std::memory_order_acq_rel);
   ThreadRegistry::instance().reap();
   try {
+    ThreadRegistry::instance().reserveOne();
     ThreadRegistry::instance().add(std::thread(runQueue, queue));
-  } catch (const std::system_error&) {
+  } catch (...) {  // no memory or no thread: the queue cannot run
     runningQueues.fetch_sub(1, std::memory_order_acq_rel);
     queue->started.store(false, std::memory_order_release);
     queue->dropRef();

@@ -72,6 +72,14 @@ std::shared_ptr<Backend> currentBackend() {
   return selected;
 }
 
+std::shared_ptr<Backend> currentBackendOrNull() noexcept {
+  try {
+    return currentBackend();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
 std::shared_ptr<Backend> makeBackend(const std::string& name, const std::string& route) {
   if (name == "virtual") {
     VirtualDevice::Options options;
@@ -94,35 +102,56 @@ std::shared_ptr<Backend> makeBackend(const std::string& name, const std::string&
 
 }  // namespace nimbara::platform
 
-using nimbara::platform::currentBackend;
+namespace {
+
+// A session call on the current backend; no exception leaves a C function.
+template <typename Call>
+std::int32_t onBackend(Call call) {
+  try {
+    auto backend = nimbara::platform::currentBackend();
+    return call(*backend);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  } catch (...) {
+    return NIMBARA_AUDIO_ERR_IO;
+  }
+}
+
+}  // namespace
 
 int32_t nimbaraAudioSessionInitialize(void) {
-  return currentBackend()->initializeSession();
+  return onBackend([](auto& b) { return b.initializeSession(); });
 }
 int32_t nimbaraAudioSessionSetCategoryPlayback(void) {
-  return currentBackend()->setCategoryPlayback();
+  return onBackend([](auto& b) { return b.setCategoryPlayback(); });
 }
 int32_t nimbaraAudioSessionSetActive(bool active) {
-  return currentBackend()->setActive(active);
+  return onBackend([&](auto& b) { return b.setActive(active); });
 }
 int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate) {
-  return currentBackend()->setPreferredSampleRate(rate);
+  return onBackend([&](auto& b) { return b.setPreferredSampleRate(rate); });
 }
 
 int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity) {
   if (name == nullptr || capacity == 0) return NIMBARA_AUDIO_ERR_INVALID;
   name[0] = '\0';
-  auto backend = currentBackend();
-  std::string route;
-  if (const std::int32_t status = backend->routeName(&route)) return status;
-  const std::size_t n = std::min(route.size(), capacity - 1);
-  std::memcpy(name, route.data(), n);
-  name[n] = '\0';
-  return NIMBARA_AUDIO_OK;
+  return onBackend([&](auto& backend) {
+    std::string route;
+    if (const std::int32_t status = backend.routeName(&route)) return status;
+    const std::size_t n = std::min(route.size(), capacity - 1);
+    std::memcpy(name, route.data(), n);
+    name[n] = '\0';
+    return std::int32_t{NIMBARA_AUDIO_OK};
+  });
 }
 
 void nimbaraThreadSleep(double seconds) {
-  currentBackend()->sleep(seconds);
+  // Without a backend to ask, the pause is real time.
+  if (auto backend = nimbara::platform::currentBackendOrNull()) {
+    backend->sleep(seconds);
+  } else {
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  }
 }
 
 int32_t nimbaraAudioUseBackend(const char* name) {

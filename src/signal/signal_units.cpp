@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "common/log.h"
@@ -118,16 +119,32 @@ void initProtocolUnit(void) {
   std::unique_lock lock(unitsMutex);
   if (initFlag.load(std::memory_order_relaxed)) return;
   // Note the crossed names: waveNum01 is the 0-bit wave, logged as "waveNum0".
-  waveNum01.store(makeWave(20, "V01"), std::memory_order_release);
+  WaveTable* zero = makeWave(20, "V01");
   NIMBARA_LOG("waveNum0");
-  waveNum00.store(makeWave(40, "V00"), std::memory_order_release);
+  WaveTable* one = makeWave(40, "V00");
   NIMBARA_LOG("waveNum1");
-  wakeUp.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 220, 1, "WAK"), std::memory_order_release);
-  noSound.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 441, 0, "N00"), std::memory_order_release);
-  stopBits.store(makeFixedUnit(NIMBARA_SAMPLE_UNIT, 5, 1, "S01"), std::memory_order_release);
-  data0x00.store(makeFixedUnit(0, 8, 0, "D00"), std::memory_order_release);
-  checkZeroBit.store(makeFixedUnit(0, 1, 0, "CP0"), std::memory_order_release);
-  checkOneBit.store(makeFixedUnit(0, 1, 1, "CP1"), std::memory_order_release);
+  const FixedSet set{
+      {one, zero},
+      {makeFixedUnit(NIMBARA_SAMPLE_UNIT, 5, 1, "S01"), makeFixedUnit(0, 8, 0, "D00"),
+       makeFixedUnit(NIMBARA_SAMPLE_UNIT, 441, 0, "N00"),
+       makeFixedUnit(NIMBARA_SAMPLE_UNIT, 220, 1, "WAK"), makeFixedUnit(0, 1, 0, "CP0"),
+       makeFixedUnit(0, 1, 1, "CP1")}};
+  // Out of memory: nothing is kept and the flag stays clear, so that the next
+  // builder tries again instead of linking missing units for ever.
+  for (const WaveTable* wave : set.waves) {
+    if (wave == nullptr) return release(set);
+  }
+  for (const ProtocolUnit* unit : set.units) {
+    if (unit == nullptr) return release(set);
+  }
+  waveNum00.store(set.waves[0], std::memory_order_release);
+  waveNum01.store(set.waves[1], std::memory_order_release);
+  stopBits.store(set.units[0], std::memory_order_release);
+  data0x00.store(set.units[1], std::memory_order_release);
+  noSound.store(set.units[2], std::memory_order_release);
+  wakeUp.store(set.units[3], std::memory_order_release);
+  checkZeroBit.store(set.units[4], std::memory_order_release);
+  checkOneBit.store(set.units[5], std::memory_order_release);
   initFlag.store(true, std::memory_order_release);
 }
 
@@ -138,6 +155,15 @@ void clearProtocolUnit(void) {
       {stopBits.exchange(nullptr), data0x00.exchange(nullptr), noSound.exchange(nullptr),
        wakeUp.exchange(nullptr), checkZeroBit.exchange(nullptr), checkOneBit.exchange(nullptr)}};
   initFlag.store(false, std::memory_order_release);
-  retired.push_back(set);
-  if (liveFrames.load(std::memory_order_acquire) <= 0) releaseRetired();
+  if (liveFrames.load(std::memory_order_acquire) <= 0) {
+    releaseRetired();
+    release(set);
+    return;
+  }
+  try {
+    retired.push_back(set);
+  } catch (const std::bad_alloc&) {
+    // Frames still use the set and there is no room to note it: it stays
+    // allocated rather than go while it is read.
+  }
 }

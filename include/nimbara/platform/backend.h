@@ -75,6 +75,8 @@ NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
 NIMBARA_API std::shared_ptr<Backend> makeBackend(const std::string& name,
                                                  const std::string& route = {});
 NIMBARA_API std::shared_ptr<Backend> currentBackend();
+/** The same, null when the default backend cannot be made (out of memory). */
+NIMBARA_API std::shared_ptr<Backend> currentBackendOrNull() noexcept;
 
 /** Queues whose thread is still running (a transmission's last callbacks run
  * after its caller has returned). */
