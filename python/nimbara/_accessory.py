@@ -1,0 +1,139 @@
+"""The accessory on an audio output."""
+from typing import List, Optional, Sequence, Tuple, Union
+
+from . import _nimbara
+from ._arguments import integer
+from ._errors import AudioError, NoDevice
+from ._receive import Transmission, _transmissions
+
+Colour = Union[int, str, Sequence[int]]
+
+
+def _colour(red, green, blue):
+    """(red, green, blue) from three numbers, "#rrggbb" or an (r, g, b) sequence."""
+    if isinstance(red, str) or (not isinstance(red, int) and hasattr(red, "__len__")):
+        if green is not None or blue is not None:
+            raise TypeError("give a colour either as one value or as red, green and blue")
+        if isinstance(red, str):
+            text = red
+            if len(text) != 7 or text[0] != "#":
+                raise ValueError(f'a colour text must look like "#rrggbb", not {text!r}')
+            try:
+                value = int(text[1:], 16)
+            except ValueError:
+                raise ValueError(f'a colour text must look like "#rrggbb", not {text!r}') from None
+            return (value >> 16) & 0xFF, (value >> 8) & 0xFF, value & 0xFF
+        if len(red) != 3:
+            raise ValueError(f"a colour sequence must hold red, green and blue, not {len(red)} values")
+        return tuple(integer(n, v) for n, v in zip(("red", "green", "blue"), red))
+    if green is None or blue is None:
+        raise TypeError("give green and blue too, or the colour as one value")
+    return integer("red", red), integer("green", green), integer("blue", blue)
+
+
+class Accessory:
+    """The accessory plugged into an audio output.
+
+    ``device`` is the output, as the tool's ``--device`` takes it: "pulse" (the
+    sound server's default sink), "pulse:SINK" (the sink named SINK), "virtual"
+    (an in-process device that plays in real time and hears what it plays) or
+    "wav:PATH" (into a WAV file, as fast as it is written). ``route`` names the
+    virtual or WAV output's route (its presence test reads it). With
+    ``skip_precheck`` commands go out even when the route has no headphones.
+
+    Every command blocks until its sound has been played; other Python threads
+    run meanwhile. Commands from several threads take turns. Errors:
+    :class:`NoDevice` when nothing like headphones is on the route,
+    :class:`AudioError` when the output fails, ValueError or TypeError for bad
+    arguments. Ctrl-C during a command raises KeyboardInterrupt once the
+    command has gone out whole.
+
+    Use it as a context manager, or call :meth:`close`, to release the output
+    (and close a WAV file).
+    """
+
+    def __init__(self, device: str = "pulse", route: Optional[str] = None,
+                 skip_precheck: bool = False):
+        if not isinstance(device, str):
+            raise TypeError(f"device must be a str, not {type(device).__name__}")
+        if route is not None and not isinstance(route, str):
+            raise TypeError(f"route must be a str or None, not {type(route).__name__}")
+        if route is not None and (device == "pulse" or device.startswith("pulse:")):
+            raise ValueError("a pulse output's route is its sink's description; choose the sink "
+                             'with "pulse:SINK" instead')
+        self._device = device
+        self._output = _nimbara.Output(device, route or "")
+        self.skip_precheck = bool(skip_precheck)
+
+    def __repr__(self):
+        state = " closed" if self._output.closed else ""
+        return f"<nimbara.Accessory {self._device!r}{state}>"
+
+    def __enter__(self) -> "Accessory":
+        return self
+
+    def __exit__(self, *exc_info) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Releases the output; later commands raise ValueError."""
+        self._output.close()
+
+    @property
+    def closed(self) -> bool:
+        return self._output.closed
+
+    @property
+    def device(self) -> str:
+        return self._device
+
+    @property
+    def route(self) -> Optional[str]:
+        """The output's current route name, or None when it cannot be read."""
+        return self._output.route()
+
+    @property
+    def present(self) -> bool:
+        """Whether the route names headphones or a headset (whatever skip_precheck says)."""
+        return self._output.present()
+
+    def flash(self, red: Colour, green: Optional[int] = None, blue: Optional[int] = None,
+              special: int = 0, time: int = 500) -> None:
+        """Lights the LED in a colour for ``time`` milliseconds."""
+        self._send("flash", [*_colour(red, green, blue), integer("special", special),
+                             integer("time", time)])
+
+    def puff(self, red: Colour, green: Optional[int] = None, blue: Optional[int] = None,
+             special: int = 0, time: int = 500) -> None:
+        """Sprays a puff while the LED is lit; the accessory sprays ``time``
+        clamped to 100..1000 milliseconds."""
+        self._send("puff", [*_colour(red, green, blue), integer("special", special),
+                            integer("time", time)])
+
+    def spray(self, time: int) -> None:
+        """Sprays for ``time`` milliseconds, the LED untouched."""
+        self._send("spray", [integer("time", time)])
+
+    def tank(self) -> "_nimbara.TankId":
+        """Sends the tank query; no reply is heard, so this is the library's
+        identity of the tank."""
+        return self._send("tank", [])
+
+    def echo(self, number: int) -> int:
+        """Sends the echo of ``number``; no reply is heard, so this is the
+        library's answer."""
+        return self._send("echo", [integer("number", number)])
+
+    def heard(self) -> List[Transmission]:
+        """What the virtual device's accessory decoded since the last call
+        (device "virtual" only; TypeError for the others)."""
+        return _transmissions(self._output.heard())
+
+    def _send(self, verb, arguments):
+        sent, status, answer, route = self._output.transmit(verb, arguments, self.skip_precheck)
+        if not sent:
+            raise NoDevice(route)
+        if status:
+            where = f"cannot write {self._device[4:]}" if self._device.startswith("wav:") else ""
+            raise AudioError(status, _nimbara.status_text(status), where)
+        return answer

@@ -1,0 +1,206 @@
+// Output: one audio output (pulse, pulse:SINK, virtual, wav:PATH) and the
+// transmissions sent on it. The library has one current backend per process,
+// so every use of an output installs it under one lock and removes it after:
+// transmissions from several threads or outputs take turns, and between them
+// no output is left installed.
+#include <nimbara/api/NimbaraProtocol.h>
+#include <nimbara/api/command.h>
+#include <nimbara/device/route.h>
+#include <nimbara/platform/audio_queue.h>
+#include <nimbara/platform/backend.h>
+#include <nimbara/platform/virtual_device.h>
+#include <nimbara/receiver/receiver.h>
+#include <pybind11/stl.h>
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bindings.h"
+
+namespace py = pybind11;
+
+namespace nimbara::python {
+namespace {
+
+std::mutex& outputMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+// The controller that checks presence and answers for the tank and the echo.
+// Never destroyed: its destructor releases the process-wide signal units,
+// which audio threads may still use while the interpreter exits.
+NimbaraProtocol& controller() {
+  static NimbaraProtocol* protocol = new NimbaraProtocol;
+  return *protocol;
+}
+
+// Installs a backend for the lifetime of a locked section.
+class Installed {
+ public:
+  explicit Installed(std::shared_ptr<platform::Backend> backend) {
+    platform::setBackend(std::move(backend));
+  }
+  ~Installed() { platform::setBackend(nullptr); }
+  Installed(const Installed&) = delete;
+  Installed& operator=(const Installed&) = delete;
+};
+
+std::string currentRoute() {
+  char route[512];
+  return nimbaraAudioSessionCopyRouteName(route, sizeof route) == 0 ? route : "";
+}
+
+class Output {
+ public:
+  Output(const std::string& device, const std::string& route)
+      : backend_(platform::makeBackend(device, route)),
+        virtual_(std::dynamic_pointer_cast<platform::VirtualDevice>(backend_)) {
+    py::gil_scoped_release release;
+    std::lock_guard lock(outputMutex());
+    Installed installed(backend_);
+    controller().initialize(nullptr);  // the session set-up, on this output
+  }
+
+  ~Output() {
+    // A backend's teardown may log; the log may call Python.
+    auto backend = std::move(backend_);
+    auto virtualDevice = std::move(virtual_);
+    py::gil_scoped_release release;
+    virtualDevice.reset();
+    backend.reset();
+  }
+
+  void close() {
+    auto backend = std::move(backend_);
+    auto virtualDevice = std::move(virtual_);
+    py::gil_scoped_release release;
+    virtualDevice.reset();
+    backend.reset();
+  }
+
+  bool closed() const { return !backend_; }
+
+  std::optional<std::string> route() {
+    auto backend = live();
+    py::gil_scoped_release release;
+    std::lock_guard lock(outputMutex());
+    std::string name;
+    if (backend->routeName(&name) != 0) return std::nullopt;
+    return name;
+  }
+
+  bool present() {
+    auto backend = live();
+    py::gil_scoped_release release;
+    std::lock_guard lock(outputMutex());
+    Installed installed(backend);
+    return isHeadsetPluggedIn();
+  }
+
+  // Checks presence (unless skipped), sends and waits until the output has
+  // taken everything. Returns (sent, status, answer, route): sent is false
+  // when no device is on the route (then route names it); answer is the
+  // controller's tank identity or echo, or None.
+  py::tuple transmit(const std::string& name, const std::vector<long long>& arguments,
+                     bool skipPrecheck) {
+    auto backend = live();
+    auto virtualDevice = virtual_;
+    const Command command = makeCommand(name, arguments);
+    bool sent = false;
+    std::int32_t status = 0;
+    std::shared_ptr<TankId> tank;
+    std::uint32_t echoed = 0;
+    std::string route;
+    {
+      py::gil_scoped_release release;
+      std::lock_guard lock(outputMutex());
+      Installed installed(backend);
+      NimbaraProtocol& protocol = controller();
+      protocol.setPreCheck(skipPrecheck);
+      try {
+        if (command.verb == "tank") {
+          tank = protocol.getTankId();
+        } else if (command.verb == "echo") {
+          echoed = protocol.echo(command.number);
+        } else {
+          protocol.preCheckDevice();
+        }
+        sent = true;
+      } catch (const NimbaraException&) {
+        route = currentRoute();
+      }
+      if (sent) {
+        status = sendCommand(command);
+        platform::waitUntilIdle();
+        if (virtualDevice) hear(*virtualDevice);
+      }
+    }
+    // Ctrl-C pressed while the sound played: the command went out whole;
+    // KeyboardInterrupt now.
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+    py::object answer = py::none();
+    if (tank) answer = py::cast(tank);
+    if (command.verb == "echo") answer = py::int_(echoed);
+    return py::make_tuple(sent, status, answer, route);
+  }
+
+  // What the virtual accessory decoded since the last call.
+  py::list heard() {
+    live();
+    if (!virtual_) throw py::type_error("only the virtual device hears what it plays");
+    std::vector<Transmission> taken;
+    {
+      py::gil_scoped_release release;
+      std::lock_guard lock(outputMutex());
+      taken.swap(heard_);
+    }
+    py::list out;
+    for (const auto& t : taken) out.append(transmissionDict(t));
+    return out;
+  }
+
+ private:
+  std::shared_ptr<platform::Backend> live() const {
+    if (!backend_) throw py::value_error("the accessory is closed");
+    return backend_;
+  }
+
+  // The virtual accessory listens to each transmission as it is played;
+  // only the decoded commands are kept. Called under outputMutex().
+  void hear(platform::VirtualDevice& device) {
+    const auto played = device.playedSamples();
+    device.clearRecordings();
+    Receiver receiver(44100, 2);
+    receiver.push(played.data(), played.size() / 2);
+    receiver.finish();
+    for (auto& t : receiver.take()) heard_.push_back(std::move(t));
+  }
+
+  std::shared_ptr<platform::Backend> backend_;
+  std::shared_ptr<platform::VirtualDevice> virtual_;
+  std::vector<Transmission> heard_;  // under outputMutex()
+};
+
+}  // namespace
+
+void bindOutput(py::module_& m) {
+  py::class_<Output>(m, "Output")
+      .def(py::init<const std::string&, const std::string&>(), py::arg("device"), py::arg("route"))
+      .def("close", &Output::close)
+      .def_property_readonly("closed", &Output::closed)
+      .def("route", &Output::route)
+      .def("present", &Output::present)
+      .def("transmit", &Output::transmit, py::arg("name"), py::arg("arguments"),
+           py::arg("skip_precheck"))
+      .def("heard", &Output::heard);
+  m.def(
+      "status_text",
+      [](std::int32_t status) { return std::string(nimbaraAudioStatusText(status)); },
+      py::arg("status"));
+}
+
+}  // namespace nimbara::python

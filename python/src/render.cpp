@@ -1,0 +1,43 @@
+// render: a command's exact samples as a NumPy array, no audio device needed.
+#include <nimbara/api/command.h>
+#include <pybind11/numpy.h>
+#include <pybind11/stl.h>
+
+#include <memory>
+#include <vector>
+
+#include "bindings.h"
+
+namespace py = pybind11;
+
+namespace nimbara::python {
+namespace {
+
+py::array_t<std::int16_t> render(const std::string& name, const std::vector<long long>& arguments) {
+  const Command command = makeCommand(name, arguments);
+  auto samples = std::make_unique<std::vector<std::int16_t>>();
+  {
+    // Building a frame logs, and the log may call back into Python.
+    py::gil_scoped_release release;
+    *samples = renderCommand(command);
+  }
+  const auto frames = static_cast<py::ssize_t>(samples->size() / 2);
+  std::int16_t* data = samples->data();
+  py::capsule owner(samples.get(),
+                    [](void* p) { delete static_cast<std::vector<std::int16_t>*>(p); });
+  samples.release();
+  return py::array_t<std::int16_t>(
+      {frames, py::ssize_t{2}},
+      {py::ssize_t{2 * sizeof(std::int16_t)}, py::ssize_t{sizeof(std::int16_t)}}, data, owner);
+}
+
+}  // namespace
+
+void bindRender(py::module_& m) {
+  m.def("render", &render, py::arg("name"), py::arg("arguments"),
+        "Interleaved stereo int16 samples, shape (frames, 2), of a command.");
+  m.def(
+      "command_names", [] { return commandVerbs(); }, "The verbs, in order.");
+}
+
+}  // namespace nimbara::python
