@@ -1,11 +1,17 @@
-"""NumPy samples of any integer or float type, mono or (frames, channels), as
-the interleaved int16 or float32 that the receiver takes."""
+"""Samples of any integer or float type, mono or (frames, channels), as the
+interleaved int16 or float32 that the receiver takes. A NumPy integer array
+spans its type's full range (int32 samples are 32-bit audio); plain Python
+integers (lists) are 16-bit samples."""
 import numpy as np
 
 
 def interleaved(samples, channels=None):
     """Returns (flat C-contiguous int16 or float32 array, channels)."""
     array = np.asarray(samples)
+    if not isinstance(samples, np.ndarray) and array.dtype.kind in "iu":
+        if array.size and (array.min() < -32768 or array.max() > 32767):
+            raise ValueError("integer samples that are not a NumPy array must be 16-bit")
+        array = array.astype(np.int16)
     if array.ndim == 1:
         count = channels or 1
     elif array.ndim == 2:
