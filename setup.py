@@ -44,6 +44,9 @@ class CMakeBuild(build_ext):
 
 setup(
     version=project_version(),
+    package_dir={"": "python"},
+    packages=["nimbara"],
+    package_data={"nimbara": ["py.typed", "*.pyi"]},
     ext_modules=[Extension("nimbara._nimbara", sources=[])],
     cmdclass={"build_ext": CMakeBuild},
 )
