@@ -2,7 +2,9 @@
 // lock-free queue and never wait (a full queue drops their line and counts
 // it); a log thread hands those lines to the sink. Other threads deliver
 // their line in place, after whatever the audio threads queued before it, so
-// a line is out when the call that wrote it returns.
+// a line is out when the call that wrote it returns. A build without threads
+// (NIMBARA_SINGLE_THREADED, e.g. WebAssembly without shared memory) has no
+// audio thread to wait for and starts no log thread.
 #include "common/log.h"
 
 #include "common/bounded_queue.h"
@@ -20,6 +22,10 @@
 #include <mutex>
 #include <string>
 #include <thread>
+
+#ifndef NIMBARA_SINGLE_THREADED
+#define NIMBARA_SINGLE_THREADED 0
+#endif
 
 namespace nimbara {
 namespace {
@@ -52,7 +58,9 @@ class LogPipe {
   static constexpr std::size_t kLineMax = 256;
 
   LogPipe() : sink_(writeToStderr) {
+#if !NIMBARA_SINGLE_THREADED
     std::thread([this] { run(); }).detach();
+#endif
     std::atexit([] { instance().flush(); });
   }
 
@@ -62,7 +70,9 @@ class LogPipe {
     return *pipe;
   }
 
-  bool silent() const { return !hasSink_.load(std::memory_order_acquire); }
+  bool silent() const {
+    return !hasSink_.load(std::memory_order_acquire);
+  }
 
   void write(const char* text, std::size_t len) {
     if (tlsInSink) {  // a sink that logs: deliver in place, in order
@@ -103,7 +113,9 @@ class LogPipe {
     hasSink_.store(static_cast<bool>(sink_), std::memory_order_release);
   }
 
-  unsigned long long dropped() const { return dropped_.load(std::memory_order_relaxed); }
+  unsigned long long dropped() const {
+    return dropped_.load(std::memory_order_relaxed);
+  }
 
  private:
   struct Line {
