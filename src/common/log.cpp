@@ -70,9 +70,7 @@ class LogPipe {
     return *pipe;
   }
 
-  bool silent() const {
-    return !hasSink_.load(std::memory_order_acquire);
-  }
+  bool silent() const { return !hasSink_.load(std::memory_order_acquire); }
 
   void write(const char* text, std::size_t len) {
     if (tlsInSink) {  // a sink that logs: deliver in place, in order
@@ -113,9 +111,7 @@ class LogPipe {
     hasSink_.store(static_cast<bool>(sink_), std::memory_order_release);
   }
 
-  unsigned long long dropped() const {
-    return dropped_.load(std::memory_order_relaxed);
-  }
+  unsigned long long dropped() const { return dropped_.load(std::memory_order_relaxed); }
 
  private:
   struct Line {
