@@ -155,27 +155,32 @@ function showLed(c) {
   showLed.timer = setTimeout(() => led.classList.remove('lit'), Math.max(c.time, 300));
 }
 
-// The command's waveform, the part already played in the accent colour.
+// The command's waveform up to the end of its sound (silence fills the rest
+// of its time), the part already played in the accent colour.
 function drawWaveform(samples, played) {
   const canvas = $('waveform');
   const g = canvas.getContext('2d');
   const { width, height } = canvas;
-  g.clearRect(0, 0, width, height);
   const frames = samples.length / 2;
-  const perColumn = frames / width;
-  for (let x = 0; x < width; ++x) {
-    let low = 32767, high = -32768;
-    const end = Math.min(frames, Math.ceil((x + 1) * perColumn));
-    for (let f = Math.floor(x * perColumn); f < end; ++f) {
-      const s = samples[2 * f];
-      if (s < low) low = s;
-      if (s > high) high = s;
+  let last = frames - 1;
+  while (last > 0 && samples[2 * last] === 0) --last;
+  const shown = Math.min(frames, Math.ceil((last + 1) * 1.04));
+  const playedFrames = played * frames;
+  const x = (f) => (f / shown) * width;
+  const y = (s) => (0.5 - (s / 65536) * 0.85) * height;
+  g.clearRect(0, 0, width, height);
+  g.lineWidth = 1.5;
+  for (const [from, to, colour] of [[0, Math.min(shown, playedFrames), '#d0306a'], [Math.min(shown, playedFrames), shown, '#9aa']]) {
+    if (to <= from) continue;
+    g.strokeStyle = colour;
+    g.beginPath();
+    for (let f = Math.floor(from); f < Math.ceil(to) && f < frames; ++f) {
+      if (f === Math.floor(from)) g.moveTo(x(f), y(samples[2 * f]));
+      else g.lineTo(x(f), y(samples[2 * f]));
     }
-    if (low > high) continue;
-    const y = (s) => (0.5 - s / 65536 * 0.9) * height;
-    g.fillStyle = x / width <= played ? '#d0306a' : '#888';
-    g.fillRect(x, y(high), 1, Math.max(1, y(low) - y(high)));
+    g.stroke();
   }
+  canvas.title = `the first ${Math.round((shown / RATE) * 1000)} ms of ${Math.round((frames / RATE) * 1000)} ms: silence follows`;
 }
 
 function drawWhilePlaying(samples, ctx, start, duration) {
@@ -211,6 +216,7 @@ function heardItem(t) {
 
 async function startListening() {
   const status = $('listen-status');
+  if (!window.isSecureContext) throw new Error('the microphone needs a secure page: https, or localhost');
   const stream = await navigator.mediaDevices.getUserMedia({
     audio: { echoCancellation: false, noiseSuppression: false, autoGainControl: false },
   });
@@ -274,7 +280,7 @@ try {
 } catch {
   // the inputs' defaults are valid; a restored form may not be
 }
-checkPresence().catch((error) => {
+await checkPresence().catch((error) => {
   $('presence').textContent = `Cannot read the outputs (${error.message}): commands play anyway.`;
 });
 document.body.dataset.ready = 'true';

@@ -10,6 +10,9 @@ const TRANSMISSION = { size: 48, confidence: 8, snrDb: 16, number: 24, time: 28,
 export async function createNimbara(wasmBinary) {
   const m = await createNimbaraModule({
     wasmBinary,
+    // Never asked for a file; naming one keeps the glue from building a URL,
+    // which an AudioWorklet's scope has no class for.
+    locateFile: (path) => path,
     print: (line) => console.log(line),
     printErr: (line) => console.warn(line),
   });
