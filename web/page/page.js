@@ -101,7 +101,7 @@ async function askForOutputNames() {
 // ---- playing ---------------------------------------------------------------
 
 let context = null;
-let nextStart = 0;
+let queue = Promise.resolve();  // one command at a time, in the order pressed
 
 function audioContext() {
   // At 44100 Hz the buffer's samples reach the output as they are; a context
@@ -110,7 +110,7 @@ function audioContext() {
   return context;
 }
 
-async function play(verb) {
+function play(verb) {
   let command, samples;
   try {
     command = describe(verb, commandArgs(verb));
@@ -125,6 +125,13 @@ async function play(verb) {
     return;
   }
   const ctx = audioContext();
+  ctx.resume();  // within the click, which allows the context to start
+  queue = queue.then(() => playNow(ctx, command, samples)).catch((error) => {
+    $('playing').textContent = `Not played: ${error.message}`;
+  });
+}
+
+async function playNow(ctx, command, samples) {
   await ctx.resume();
   const frames = samples.length / 2;
   const buffer = ctx.createBuffer(2, frames, RATE);
@@ -136,14 +143,16 @@ async function play(verb) {
   const source = ctx.createBufferSource();
   source.buffer = buffer;
   source.connect(ctx.destination);
-  const start = Math.max(ctx.currentTime + 0.05, nextStart);
-  nextStart = start + buffer.duration;
-  source.start(start);
+  const ended = new Promise((done) => source.addEventListener('ended', done, { once: true }));
+  // Started at once, the source begins on a whole sample frame; a browser
+  // may interpolate a source started between two frames.
+  source.start();
 
   $('playing').textContent = `${command.command}: ${command.operation}, ${frames} frames at ${ctx.sampleRate} Hz` +
     (ctx.sampleRate !== RATE ? ' (this browser would not open 44100 Hz: the signal is resampled)' : '');
   if (command.command !== 'spray') showLed(command);
-  drawWhilePlaying(samples, ctx, start, buffer.duration);
+  drawWhilePlaying(samples, ctx, ctx.currentTime, buffer.duration);
+  await ended;
 }
 
 function showLed(c) {

@@ -14,30 +14,64 @@ const screenshots = join(siteDir, '../screenshots');
 const heardWav = join(scratch, 'microphone.wav');
 let server, browser, address;
 
-// What the page hands the context: every buffer source started, with its
-// samples back as 16-bit values, whether it goes to the destination, the
-// rates, and whether it played to its end.
+// Records what reaches the destination of every context the page opens: a
+// tap (an AudioWorklet that keeps its input) is connected beside the
+// destination to every buffer source the page connects there, before the
+// source starts. Also keeps, per source started, the rates and whether it
+// played to its end.
 function recordPlayback() {
   window.__played = [];
+  window.__atDestination = [[], []];
+  const tapCode = `registerProcessor('nimbara-tap', class extends AudioWorkletProcessor {
+    process(inputs) {
+      if (inputs[0].length > 0) this.port.postMessage(inputs[0].map((channel) => channel.slice()));
+      return true;
+    }
+  });`;
+  const tapUrl = URL.createObjectURL(new Blob([tapCode], { type: 'text/javascript' }));
+  const taps = new WeakMap();
+  const tapOf = (context) => {
+    if (!taps.has(context)) {
+      taps.set(context, context.audioWorklet.addModule(tapUrl).then(() => {
+        const tap = new AudioWorkletNode(context, 'nimbara-tap', {
+          numberOfInputs: 1, numberOfOutputs: 0, channelCount: 2, channelCountMode: 'explicit', channelInterpretation: 'discrete',
+        });
+        tap.port.onmessage = ({ data }) => data.forEach((channel, c) => window.__atDestination[c]?.push(channel));
+        return tap;
+      }));
+    }
+    return taps.get(context);
+  };
   const connect = AudioBufferSourceNode.prototype.connect;
   AudioBufferSourceNode.prototype.connect = function (target, ...rest) {
-    if (target instanceof AudioDestinationNode) this.__toDestination = true;
+    if (target instanceof AudioDestinationNode) this.__tapped = tapOf(this.context).then((tap) => connect.call(this, tap));
     return connect.call(this, target, ...rest);
   };
   const start = AudioBufferSourceNode.prototype.start;
   AudioBufferSourceNode.prototype.start = function (...args) {
-    const buffer = this.buffer;
-    const record = {
-      contextRate: this.context.sampleRate,
-      bufferRate: buffer.sampleRate,
-      toDestination: Boolean(this.__toDestination),
-      channels: Array.from({ length: buffer.numberOfChannels }, (_, c) =>
-        Array.from(buffer.getChannelData(c), (x) => Math.round(x * 32768))),
-      ended: false,
-    };
-    this.addEventListener('ended', () => { record.ended = true; record.endTime = this.context.currentTime; });
+    const record = { contextRate: this.context.sampleRate, bufferRate: this.buffer.sampleRate, toDestination: Boolean(this.__tapped), ended: false };
     window.__played.push(record);
-    return start.apply(this, args);
+    this.addEventListener('ended', () => { record.ended = true; });
+    if (!this.__tapped) return start.apply(this, args);
+    this.__tapped.then(() => start.apply(this, args));
+  };
+}
+
+// The two channels that reached the destination as 16-bit values, from the
+// first sound on, `frames` long, and how many samples after them were not
+// silent.
+function heardAtDestination(frames) {
+  const joined = window.__atDestination.map((chunks) => {
+    const out = new Float32Array(chunks.reduce((n, c) => n + c.length, 0));
+    let at = 0;
+    for (const c of chunks) { out.set(c, at); at += c.length; }
+    return out;
+  });
+  const first = joined[0].findIndex((x) => x !== 0);
+  if (first < 0 || joined[0].length < first + frames) return null;
+  return {
+    channels: joined.map((channel) => Array.from(channel.subarray(first, first + frames), (x) => Math.round(x * 32768))),
+    loudAfter: joined.reduce((n, channel) => n + channel.subarray(first + frames).filter((x) => x !== 0).length, 0),
   };
 }
 
@@ -99,15 +133,16 @@ test('the page loads cleanly, and a puff plays exactly the native samples', asyn
   await page.getByTestId('puff').click();
   await page.waitForFunction(() => window.__played.length === 1 && window.__played[0].ended, null, { timeout: 10000 });
   const [played] = await page.evaluate(() => window.__played);
-  assert.equal(played.contextRate, 44100);
-  assert.equal(played.bufferRate, 44100);
-  assert.equal(played.toDestination, true);
+  assert.deepEqual(played, { contextRate: 44100, bufferRate: 44100, toDestination: true, ended: true });
   const native = toolRender('doSprayWithLightLedGetTankId', [18, 171, 52, 7, 5000]);
-  assert.equal(played.channels.length, 2);
-  for (const [c, channel] of played.channels.entries()) {
+  const frames = native.length / 2;
+  const heard = await (await page.waitForFunction(heardAtDestination, frames, { timeout: 10000 })).jsonValue();
+  assert.equal(heard.channels.length, 2);
+  for (const [c, channel] of heard.channels.entries()) {
     const expected = native.filter((_, i) => i % 2 === c);
     assert.equal(firstDifference(Int16Array.from(channel), expected), -1, `channel ${c}`);
   }
+  assert.equal(heard.loudAfter, 0);
   assert.equal(await page.getByTestId('led').evaluate((e) => e.style.background), 'rgb(18, 171, 52)');
   mkdirSync(screenshots, { recursive: true });
   await page.screenshot({ path: join(screenshots, 'puff.png'), fullPage: true });
