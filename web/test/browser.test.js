@@ -9,6 +9,9 @@ import { after, before, test } from 'node:test';
 import { chromium } from 'playwright-core';
 import { serve } from '../serve.js';
 import { firstDifference, scratch, siteDir, toolRender, wavBytes } from './support/native.js';
+import { nimbara } from './support/package.js';
+
+const { isHeadsetRoute } = nimbara;
 
 const screenshots = join(siteDir, '../screenshots');
 const heardWav = join(scratch, 'microphone.wav');
@@ -150,8 +153,27 @@ test('the page loads cleanly, and a puff plays exactly the native samples', asyn
   await context.close();
 });
 
-test('the listen panel lists the transmission the microphone hears', async () => {
+test('with the output names known the presence rule applies; the listen panel lists the transmission the microphone hears', async () => {
   const { context, page, problems } = await openPage({ permissions: ['microphone'] });
+  // With the permission the output names are readable; the page judges the
+  // default output's name (Chromium's fake output, or a sound server's) by
+  // the library's rule, and without an accessory plays only when told to.
+  const current = await page.evaluate(async () =>
+    (await navigator.mediaDevices.enumerateDevices()).find((d) => d.kind === 'audiooutput' && d.deviceId === 'default')?.label ?? null);
+  const presence = await page.getByTestId('presence').innerText();
+  if (current === null || current === '') {
+    assert.match(presence, /cannot tell/);
+  } else if (isHeadsetRoute(current)) {
+    assert.match(presence, /counts as present/);
+  } else {
+    assert.ok(presence.includes(`“${current}” does not name headphones`), presence);
+    await page.getByTestId('puff').click();
+    assert.match(await page.getByTestId('playing').innerText(), /Not played: no accessory/);
+    await page.getByTestId('skip-precheck').check();
+  }
+  await page.getByTestId('puff').click();
+  await page.waitForFunction(() => window.__played.length === 1);
+
   await page.getByTestId('listen').click();
   // Each transmission is one child; Chromium loops the file, so more follow.
   const heard = /^puff rgb\(200, 30, 90\) special 5 time 700 ms/;
