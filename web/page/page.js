@@ -106,7 +106,13 @@ let queue = Promise.resolve();  // one command at a time, in the order pressed
 function audioContext() {
   // At 44100 Hz the buffer's samples reach the output as they are; a context
   // at another rate would resample the square waves.
-  context ??= new AudioContext({ sampleRate: RATE, latencyHint: 'playback' });
+  if (!context) {
+    try {
+      context = new AudioContext({ sampleRate: RATE, latencyHint: 'playback' });
+    } catch {
+      context = new AudioContext({ latencyHint: 'playback' });  // said on the page when it plays
+    }
+  }
   return context;
 }
 
