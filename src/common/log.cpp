@@ -17,6 +17,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -216,3 +217,22 @@ bool isAudioThread() {
 
 }  // namespace detail
 }  // namespace nimbara
+
+void nimbaraSetLogSink(NimbaraLogSink sink, void* user) {
+  if (sink == nullptr) {
+    nimbara::setLogSink({});
+    return;
+  }
+  try {
+    nimbara::setLogSink([sink, user](std::string_view line) {
+      // Lines are at most a slot long: one copy on the stack, zero-terminated.
+      char text[512];
+      const std::size_t n = std::min(line.size(), sizeof text - 1);
+      std::memcpy(text, line.data(), n);
+      text[n] = '\0';
+      sink(text, user);
+    });
+  } catch (...) {
+    // Out of memory: the sink stays as it was.
+  }
+}
