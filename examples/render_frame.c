@@ -4,8 +4,16 @@
 
 #include <nimbara/nimbara.h>
 
+/* Counts the library's log lines instead of printing them. */
+static void countLine(const char* line, void* user) {
+  (void)line;
+  ++*(int*)user;
+}
+
 int main(int argc, char** argv) {
   const char* out = argc > 1 ? argv[1] : "frame.wav";
+  int logLines = 0;
+  nimbaraSetLogSink(countLine, &logLines);
   char backend[512];
   snprintf(backend, sizeof backend, "wav:%s", out);
   if (nimbaraAudioUseBackend(backend) != 0) return 1;
@@ -19,6 +27,7 @@ int main(int argc, char** argv) {
   /* The engine takes the frame over and releases it when playback ends. */
   const int32_t status = executeFunction(frame, 1, 35280, NULL);
   nimbaraAudioWaitUntilIdle();
-  printf("%s: %s\n", out, nimbaraAudioStatusText(status));
-  return status == 0 && nodes == 11 ? 0 : 1;
+  nimbaraSetLogSink(NULL, NULL);
+  printf("%s: %s (%d log lines)\n", out, nimbaraAudioStatusText(status), logLines);
+  return status == 0 && nodes == 11 && logLines > 0 ? 0 : 1;
 }

@@ -131,7 +131,13 @@ TEST_F(ApiTest, TheRouteDecidesPresence) {
 }
 
 TEST_F(ApiTest, CatchExceptionTurnsExceptionsIntoErrors) {
-  std::shared_ptr<nimbara::Error> error;
+  // A block that raises nothing leaves an earlier error where it was.
+  const auto earlier = std::make_shared<nimbara::Error>(nimbara::Error{"Earlier", 5, {}});
+  std::shared_ptr<nimbara::Error> error = earlier;
+  EXPECT_TRUE(NimbaraSDK::catchException([] {}, &error));
+  EXPECT_EQ(error, earlier);
+  EXPECT_EQ(error->domain, "Earlier");
+  error = nullptr;
   EXPECT_TRUE(NimbaraSDK::catchException([] {}, &error));
   EXPECT_EQ(error, nullptr);
 

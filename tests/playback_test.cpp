@@ -1,6 +1,8 @@
+#include <nimbara/device/operations.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/audio_queue.h>
+#include <nimbara/platform/wav_device.h>
 #include <nimbara/signal/playback.h>
 #include <nimbara/signal/signal_units.h>
 
@@ -242,6 +244,66 @@ TEST(Playback, TwoThreadsPlayAtOnceEachOnItsOwnQueue) {
   otherOrder.insert(otherOrder.end(), acquire.begin(), acquire.end());
   const auto handed = output->enqueuedSamples();
   EXPECT_TRUE(handed == oneOrder || handed == otherOrder);
+}
+
+// A failure after the queue started (a write error, a lost server, a failed
+// close) is the caller's status; the log is the same as a good transmission's.
+TEST(Playback, AnOutputFailingAfterTheStartIsTheCallersStatus) {
+  const auto withoutWaits = [](std::vector<std::string> lines) {
+    std::erase_if(lines, [](const std::string& l) {
+      return l.rfind("wait...", 0) == 0 || l.rfind("aqc->protocolFrame", 0) == 0;
+    });
+    return lines;
+  };
+  initProtocolUnit();
+  std::vector<std::string> good;
+  {
+    FaultyOutput output;
+    LogCapture log;
+    ASSERT_EQ(executeFunction(createAcquireProtocol(), 1, 17640, nullptr), 0);
+    nimbara::platform::waitUntilIdle();
+    good = withoutWaits(split(log.take()).caller);
+  }
+  for (const auto& [call, occurrence] :
+       {std::pair{Call::Play, 1u}, std::pair{Call::Play, 9u}, std::pair{Call::Close, 1u}}) {
+    FaultyOutput output;
+    output.faults().failCall(call, -4321, occurrence);
+    LogCapture log;
+    EXPECT_EQ(executeFunction(createAcquireProtocol(), 1, 17640, nullptr), -4321)
+        << static_cast<int>(call) << " " << occurrence;
+    nimbara::platform::waitUntilIdle();
+    EXPECT_EQ(withoutWaits(split(log.take()).caller), good);
+  }
+}
+
+// A WAV file takes sound as fast as the disk allows: the caller still polls
+// about as often as on a real-time output, and a failing file is a status.
+TEST(Playback, AWavOutputPollsAsARealOneAndReportsAFailingDisk) {
+  const std::string path = ::testing::TempDir() + "nimbara-poll.wav";
+  auto wav = std::make_shared<nimbara::platform::WavDevice>(path);
+  nimbara::platform::setBackend(wav);
+  LogCapture log;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), 0);
+  nimbara::platform::waitUntilIdle();
+  const auto lines = log.take();
+  const auto polls = std::count_if(lines.begin(), lines.end(),
+                                   [](const std::string& l) { return l.rfind("wait...", 0) == 0; });
+  EXPECT_GE(polls, 3);
+  EXPECT_LE(polls, 3 * 6);
+  // Each transmission's last two buffers are disposed of unheard.
+  EXPECT_EQ(wav->frames(), 3u * (17640u - 2 * 735u));
+  EXPECT_EQ(wav->status(), 0);
+  std::remove(path.c_str());
+
+  wav = std::make_shared<nimbara::platform::WavDevice>("/dev/full");
+  nimbara::platform::setBackend(wav);
+  EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), NIMBARA_AUDIO_ERR_IO);
+  nimbara::platform::waitUntilIdle();
+  wav = std::make_shared<nimbara::platform::WavDevice>(::testing::TempDir() + "none/x.wav");
+  nimbara::platform::setBackend(wav);
+  EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), NIMBARA_AUDIO_ERR_IO);
+  nimbara::platform::waitUntilIdle();
+  nimbara::platform::setBackend(nullptr);
 }
 
 }  // namespace

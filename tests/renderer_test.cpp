@@ -6,7 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <tuple>
 
 #include "signal/fixed_units.h"
 #include "support/expected_signal.h"
@@ -84,16 +86,49 @@ TEST(Renderer, AFrameSoundsAsItsBitsWhateverTheBufferSize) {
 }
 
 TEST(Renderer, FrameLengthFollowsItsBits) {
-  // 220 + 2 x (441 + 5 + 20 per 0-bit + 40 per 1-bit).
-  FrameNode* acquire = createAcquireProtocol();
-  const auto samples = render(acquire, 735, 3).samples;
-  freeProtocolFrame(acquire);
-  std::size_t last = 0;
-  for (std::size_t i = 0; i < samples.size(); ++i) {
-    if (samples[i] != 0) last = i / 2;
+  // 220 of wake-up, then twice: 441 of silence, 20 per 0-bit and 40 per 1-bit
+  // of command, parameter and parity, 5 of stop bits.
+  const auto expectedLength = [](const std::string& payload) {
+    const auto ones = static_cast<std::size_t>(std::count(payload.begin(), payload.end(), '1'));
+    return 220 + 2 * (441 + 5 + 20 * (payload.size() - ones) + 40 * ones);
+  };
+  const std::vector<std::pair<FrameNode*, std::string>> frames = {
+      {createAcquireProtocol(), withParity("0000000100000000")},
+      {createEchoProtocol(0xF0F0F0F0),
+       withParity("11111111" + std::string("11110000") + "11110000" + "11110000" + "11110000")},
+      {createSprayProtocol(-1), withParity("00000010" + std::string(16, '1'))},
+  };
+  for (const auto& [frame, payload] : frames) {
+    const auto samples = render(frame, 735, 12).samples;
+    freeProtocolFrame(frame);
+    std::size_t last = 0;
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      if (samples[i] != 0) last = i / 2;
+    }
+    EXPECT_EQ(last + 1, expectedLength(payload)) << payload;
   }
-  EXPECT_EQ(last + 1, 1872u);
-  EXPECT_EQ(220 + 2 * (441 + 5 + 15 * 20 + 2 * 40), 1872);
+  EXPECT_EQ(expectedLength(withParity("0000000100000000")), 1872u);
+}
+
+// A unit with a length of 0 still plays one frame: its first element.
+TEST(Renderer, AnEmptyUnitPlaysItsFirstElement) {
+  initProtocolUnit();
+  for (const auto& [kind, element, sample] :
+       {std::tuple{1u, 2, 2}, std::tuple{1u, 1, 32767}, std::tuple{0u, 0, 32767}}) {
+    ProtocolUnit* empty = static_cast<ProtocolUnit*>(std::calloc(1, sizeof(ProtocolUnit)));
+    empty->data = static_cast<std::uint8_t*>(std::calloc(1, 1));
+    empty->data[0] = static_cast<std::uint8_t>(element);
+    empty->kind = kind;
+    empty->length = 0;
+    FrameNode node{empty, 0, 0, 1, nullptr};
+    const auto samples = render(&node, 4, 1).samples;
+    EXPECT_EQ(samples,
+              (std::vector<std::int16_t>{static_cast<std::int16_t>(sample),
+                                         static_cast<std::int16_t>(sample), 0, 0, 0, 0, 0, 0}))
+        << kind << " " << element;
+    std::free(empty->data);
+    std::free(empty);
+  }
 }
 
 TEST(Renderer, ABitCutByTheBufferEndContinuesInTheNextBuffer) {

@@ -4,6 +4,18 @@
 
 #include <nimbara/export.h>
 
+NIMBARA_BEGIN_C
+
+/** Receives one log line, zero-terminated, without time prefix or newline;
+ * `user` is what was passed with it. The same contract as the C++ sink below:
+ * lines in order, one at a time, the audio thread's on the log thread. */
+typedef void (*NimbaraLogSink)(const char* line, void* user);
+
+/** Replaces the library's log sink; a null sink silences the library. */
+NIMBARA_API void nimbaraSetLogSink(NimbaraLogSink sink, void* user);
+
+NIMBARA_END_C
+
 #ifdef __cplusplus
 #include <functional>
 #include <string_view>

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "signal/playback_internal.h"
+#include "signal/render_buffer.h"
 
 namespace nimbara {
 namespace {

@@ -2,7 +2,9 @@
 // lock-free queue and never wait (a full queue drops their line and counts
 // it); a log thread hands those lines to the sink. Other threads deliver
 // their line in place, after whatever the audio threads queued before it, so
-// a line is out when the call that wrote it returns.
+// a line is out when the call that wrote it returns. A build without threads
+// (NIMBARA_SINGLE_THREADED, e.g. WebAssembly without shared memory) has no
+// audio thread to wait for and starts no log thread.
 #include "common/log.h"
 
 #include "common/bounded_queue.h"
@@ -15,12 +17,17 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 #include <new>
 #include <string>
 #include <thread>
+
+#ifndef NIMBARA_SINGLE_THREADED
+#define NIMBARA_SINGLE_THREADED 0
+#endif
 
 namespace nimbara {
 namespace {
@@ -53,12 +60,14 @@ class LogPipe {
   static constexpr std::size_t kLineMax = 256;
 
   LogPipe() : sink_(writeToStderr) {
+#if !NIMBARA_SINGLE_THREADED
     try {
       std::thread([this] { run(); }).detach();
     } catch (...) {
       // No delivery thread: audio threads' lines wait for the next line
       // logged elsewhere, or for a flush.
     }
+#endif
     std::atexit([] {
       if (LogPipe* pipe = instance()) pipe->flush();
     });
@@ -208,3 +217,22 @@ bool isAudioThread() {
 
 }  // namespace detail
 }  // namespace nimbara
+
+void nimbaraSetLogSink(NimbaraLogSink sink, void* user) {
+  if (sink == nullptr) {
+    nimbara::setLogSink({});
+    return;
+  }
+  try {
+    nimbara::setLogSink([sink, user](std::string_view line) {
+      // Lines are at most a slot long: one copy on the stack, zero-terminated.
+      char text[512];
+      const std::size_t n = std::min(line.size(), sizeof text - 1);
+      std::memcpy(text, line.data(), n);
+      text[n] = '\0';
+      sink(text, user);
+    });
+  } catch (...) {
+    // Out of memory: the sink stays as it was.
+  }
+}

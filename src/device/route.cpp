@@ -2,16 +2,13 @@
 
 #include <nimbara/platform/audio_queue.h>
 
-#include <cstring>
-
 #include "common/log.h"
+#include "device/route_name.h"
 
 bool isHeadsetPluggedIn(void) {
   char route[512];
   if (nimbaraAudioSessionCopyRouteName(route, sizeof route) != 0) return false;
-  const bool headset = std::strstr(route, "HeadsetInOut") != nullptr;
-  const bool headphone = std::strstr(route, "Headphone") != nullptr;
-  return headset || headphone;
+  return nimbara::detail::routeNamesHeadset(route);
 }
 
 bool checkDeviceForInternal(void) {

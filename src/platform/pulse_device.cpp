@@ -53,7 +53,9 @@ void waitForSignal(pa_threaded_mainloop* loop) {
 }
 
 // A callback runs on the main loop's thread, which holds the lock meanwhile:
-// the same hand-over as Connection::Lock, on the same address.
+// the same hand-over as Connection::Lock, on the same address. Callbacks find
+// the loop through atomics: a plain read before the hand-over would itself be
+// unordered for the sanitizer.
 class InCallback {
  public:
   explicit InCallback(pa_threaded_mainloop* loop) : loop_(loop) { lockAcquired(loop_); }
@@ -162,7 +164,7 @@ class PulseDevice::Connection {
   const char* error() const { return pa_strerror(pa_context_errno(context_)); }
   void signal() { pa_threaded_mainloop_signal(loop_, 0); }
 
-  pa_threaded_mainloop* loop() const { return loop_; }
+  pa_threaded_mainloop* loop() const { return loop_.load(std::memory_order_relaxed); }
   pa_context* context() const { return context_; }
 
   class Lock {
@@ -192,7 +194,7 @@ class PulseDevice::Connection {
     connection->signal();
   }
 
-  pa_threaded_mainloop* loop_ = nullptr;
+  std::atomic<pa_threaded_mainloop*> loop_{nullptr};
   pa_context* context_ = nullptr;
   std::atomic<bool> lost_{false};
 };
@@ -209,18 +211,22 @@ struct SinkFacts {
 
 std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts* facts) {
   struct Query {
-    Connection* connection;
+    std::atomic<Connection*> connection{nullptr};
     std::string sinkName;
     SinkFacts* facts;
     bool found = false;
-  } query{&connection, sink, facts};
+  } query;
+  query.sinkName = sink;
+  query.facts = facts;
+  query.connection.store(&connection, std::memory_order_release);  // the query is complete
   Connection::Lock lock(connection.loop());
   auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
     auto* q = static_cast<Query*>(data);
-    InCallback scope(q->connection->loop());
+    Connection* connection = q->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
     if (info != nullptr && info->default_sink_name != nullptr)
       q->sinkName = info->default_sink_name;
-    q->connection->signal();
+    connection->signal();
   };
   if (query.sinkName.empty() &&
       (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
@@ -229,7 +235,8 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
   }
   auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
     auto* q = static_cast<Query*>(data);
-    InCallback scope(q->connection->loop());
+    Connection* connection = q->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
     if (eol == 0 && info != nullptr) {
       q->found = true;
       q->facts->route = info->description != nullptr ? info->description : info->name;
@@ -240,7 +247,7 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
       q->facts->level.volumePercent = 100.0 * pa_cvolume_max(&info->volume) / PA_VOLUME_NORM;
       q->facts->level.muted = info->mute != 0;
     }
-    q->connection->signal();
+    connection->signal();
   };
   if (!connection.await(pa_context_get_sink_info_by_name(connection.context(),
                                                          query.sinkName.c_str(), onSink, &query)) ||
@@ -254,7 +261,9 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
 
 class PulseDevice::Stream : public OutputStream {
  public:
-  explicit Stream(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {}
+  explicit Stream(std::shared_ptr<Connection> connection) : connection_(std::move(connection)) {
+    loop_.store(connection_->loop(), std::memory_order_release);
+  }
   ~Stream() override { close(); }
 
   std::int32_t open(const std::string& sink) {
@@ -385,7 +394,7 @@ class PulseDevice::Stream : public OutputStream {
 
   static void onState(pa_stream* stream, void* self) {
     auto* s = static_cast<Stream*>(self);
-    InCallback scope(s->connection_->loop());
+    InCallback scope(s->loop_.load(std::memory_order_acquire));
     if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
       s->lost_.store(true, std::memory_order_release);
     }
@@ -394,24 +403,25 @@ class PulseDevice::Stream : public OutputStream {
 
   static void onWritable(pa_stream*, std::size_t, void* self) {
     auto* s = static_cast<Stream*>(self);
-    InCallback scope(s->connection_->loop());
+    InCallback scope(s->loop_.load(std::memory_order_acquire));
     s->pump();
   }
 
   static void onTimer(pa_mainloop_api*, pa_time_event* event, const struct timeval*, void* self) {
     auto* s = static_cast<Stream*>(self);
-    InCallback scope(s->connection_->loop());
+    InCallback scope(s->loop_.load(std::memory_order_acquire));
     s->pump();
     pa_context_rttime_restart(s->connection_->context(), event, pa_rtclock_now() + kPumpPeriodUsec);
   }
 
   static void onDrained(pa_stream*, int, void* self) {
     auto* s = static_cast<Stream*>(self);
-    InCallback scope(s->connection_->loop());
+    InCallback scope(s->loop_.load(std::memory_order_acquire));
     s->connection_->signal();
   }
 
   std::shared_ptr<Connection> connection_;
+  std::atomic<pa_threaded_mainloop*> loop_{nullptr};  // the connection's, for the callbacks
   pa_stream* stream_ = nullptr;
   std::size_t ringBytesPromised_ = 0;
   std::int32_t closeStatus_ = NIMBARA_AUDIO_OK;

@@ -5,10 +5,9 @@
 
 #include <atomic>
 
-namespace nimbara::detail {
+#include "signal/render_buffer.h"
 
-// Fills `count` stereo frames from the frame's cursor, silence after its end.
-void renderBuffer(PlaybackContext* context, std::int16_t* out, std::uint32_t count);
+namespace nimbara::detail {
 
 // The end-of-playback branch of the output callback.
 void endOfPlayback(PlaybackContext* context);

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "signal/fixed_units.h"
-#include "signal/playback_internal.h"
+#include "signal/render_buffer.h"
 
 namespace {
 

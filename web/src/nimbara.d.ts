@@ -1,0 +1,97 @@
+// Types of the nimbara package: the accessory's signal and its receiver.
+
+/** A tool verb or a library operation name. */
+export type Operation =
+  | 'flash' | 'puff' | 'spray' | 'state' | 'tank' | 'echo'
+  | 'doLightLed' | 'doSprayWithLightLed' | 'doSprayWithLightLedGetTankId'
+  | 'doAquireDeviceState' | 'doGetTankId' | 'doEcho';
+
+/** One transmission as the accessory would have understood it (the fields of
+ * the tool's JSON Lines). */
+export interface Transmission {
+  /** flash, puff, spray, state, tank, echo, or unknown. */
+  command: string;
+  opcode: number;
+  /** Seconds from the start of the stream to the transmission's wake-up. */
+  start: number;
+  /** Bad parity, disagreeing or missing repetitions, or an unknown layout. */
+  damaged: boolean;
+  red: number;
+  green: number;
+  blue: number;
+  special: number;
+  /** Milliseconds: the LED commands' and the spray's time. */
+  time: number;
+  /** The echo's number. */
+  number: number;
+  /** A puff that also asks for the tank identity. */
+  asks_tank: boolean;
+  /** From 0 to 1: the weakest bit's margin between its two waveforms. */
+  confidence: number;
+  /** The estimated signal-to-noise ratio in dB. */
+  snr_db: number;
+}
+
+/** What a command does, as the library makes it. */
+export interface CommandInfo {
+  command: 'flash' | 'puff' | 'spray' | 'state' | 'tank' | 'echo';
+  /** The library function that sends it. */
+  operation: string;
+  red: number;
+  green: number;
+  blue: number;
+  special: number;
+  /** The time that goes out in the frame: a puff's is clamped to 100..1000 ms. */
+  time: number;
+  /** How long the accessory sprays, in ms (0 for commands that do not spray). */
+  spray_ms: number;
+  number: number;
+  asks_tank: boolean;
+  /** Stereo frames at 44100 Hz that the command plays. */
+  frames: number;
+}
+
+/**
+ * The exact samples the operation hands the output, interleaved stereo 16-bit
+ * at 44100 Hz: flash and puff take red, green, blue[, special[, time]]; spray
+ * takes time; echo takes number; a library name takes all of its arguments.
+ * Throws RangeError for an unknown operation or an argument out of range.
+ */
+export function render(operation: Operation | string, args?: number[]): Int16Array;
+
+/** The command an operation and its arguments make, without rendering it. */
+export function describe(operation: Operation | string, args?: number[]): CommandInfo;
+
+/** Every transmission in a whole recording of interleaved samples. */
+export function decode(samples: Int16Array | Float32Array, sampleRate: number, channels?: number): Transmission[];
+
+/** Whether an output's name says the accessory is there ("HeadsetInOut" or
+ * "Headphone" anywhere in it, case-sensitive). */
+export function isHeadsetRoute(name: string): boolean;
+
+/** A streaming receiver: push chunks of any size, take what was decoded. */
+export class Receiver {
+  /** sampleRate from 8000 to 192000 Hz; channels interleaved (mixed to one). */
+  constructor(sampleRate: number, channels?: number);
+  /** Whole interleaved frames: 16-bit integers, or floats in -1..1. */
+  push(samples: Int16Array | Float32Array): void;
+  /** The end of the stream: decodes what is still pending. */
+  finish(): void;
+  /** Transmissions decoded since the last call, in order. */
+  take(): Transmission[];
+  /** Frees the receiver's WebAssembly memory; later calls throw. */
+  close(): void;
+}
+
+/** The WebAssembly module's bytes, to hand to a worker or an AudioWorklet. */
+export const wasmBinary: Uint8Array;
+
+/** Makes the API from the module's bytes where nothing can be fetched (an
+ * AudioWorklet): import core.js from the package and await this. */
+export function createNimbara(wasmBinary: BufferSource): Promise<{
+  render: typeof render;
+  describe: typeof describe;
+  decode: typeof decode;
+  isHeadsetRoute: typeof isHeadsetRoute;
+  Receiver: typeof Receiver;
+}>;
