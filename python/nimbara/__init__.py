@@ -26,7 +26,9 @@ from ._errors import AudioError, Error, NoDevice
 from ._receive import Receiver, Transmission, decode, decode_file
 
 TankId = _nimbara.TankId
-TankId.__module__ = __name__
+# The public names are nimbara.X wherever they are defined.
+for _public in (Accessory, AudioError, Error, NoDevice, Receiver, TankId, Transmission):
+    _public.__module__ = __name__
 TankId.__doc__ = """The scent tank's identity: a date (``year`` in two digits, ``month``,
 ``day``), ``scent_id``, ``serial_id`` and two reserved fields.
 

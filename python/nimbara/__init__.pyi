@@ -20,6 +20,7 @@ class NoDevice(Error):
 class AudioError(Error):
     status: int
     text: str
+    device: str
     def __init__(self, status: int, text: str, device: str = ...) -> None: ...
 
 class TankId:

@@ -134,6 +134,5 @@ class Accessory:
         if not sent:
             raise NoDevice(route)
         if status:
-            where = f"cannot write {self._device[4:]}" if self._device.startswith("wav:") else ""
-            raise AudioError(status, _nimbara.status_text(status), where)
+            raise AudioError(status, _nimbara.status_text(status), self._device)
         return answer

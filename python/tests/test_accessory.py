@@ -1,6 +1,7 @@
 """Accessory on the virtual device and into WAV files: commands, errors,
 threads and Ctrl-C."""
 import os
+import pickle
 import signal
 import threading
 import time
@@ -45,6 +46,8 @@ def test_no_device_and_skip_precheck():
         assert str(caught.value).startswith("No device.")
         assert caught.value.route == "Speaker"
         assert isinstance(caught.value, nimbara.Error)
+        copy = pickle.loads(pickle.dumps(caught.value))
+        assert (type(copy), str(copy), copy.route) == (nimbara.NoDevice, str(caught.value), "Speaker")
     assert acc.heard() == [], "nothing is sent without a device"
     acc.skip_precheck = True
     acc.flash(9, 9, 9)
@@ -82,7 +85,9 @@ def test_a_failing_output_raises_audio_error(tmp_path):
     assert isinstance(error, nimbara.Error)
     assert error.status < 0
     assert error.text and error.text in str(error)
-    assert "did not go out whole" in str(error)
+    assert "did not go out whole" in str(error) and error.device in str(error)
+    copy = pickle.loads(pickle.dumps(error))
+    assert (type(copy), str(copy), copy.status) == (nimbara.AudioError, str(error), error.status)
 
 
 @pytest.mark.parametrize("make,error,words", [
