@@ -1,0 +1,246 @@
+#include "receiver/payload_decoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace nimbara::receiver {
+namespace {
+
+constexpr double kReferenceRate = 44100.0;
+constexpr int kLongestPayload = 57;
+constexpr int kPayloadLengths[] = {17, 25, 41, 57};
+constexpr double kNone = -std::numeric_limits<double>::infinity();
+// A covered sample costs this share of the stretch's level: a bit in a
+// reverberation tail or in noise does not pay for itself.
+constexpr double kBias = 0.3;
+constexpr double kShiftCost = 0.03;
+constexpr int kStartsKept = 3;
+constexpr double kClockGain = 0.1;
+constexpr double kMaxStretch = 0.06;
+// Starts are ranked on their first bits: a wrong phase shows at once.
+constexpr int kRankingBits = kLongestPayload;
+
+int stateIndex(int bits, int units) {
+  return bits * (bits + 1) / 2 + (units - bits);
+}
+
+}  // namespace
+
+PayloadDecoder::PayloadDecoder(double sampleRate)
+    : scale_(sampleRate / kReferenceRate),
+      half_{10 * scale_, 20 * scale_},
+      step_(0.5 * scale_),
+      onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))) {
+  const int states = stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2);
+  score_.resize(states);
+  clock_.resize(states);
+  backward_.resize(states);
+  bitScore_[0].resize(states);
+  bitScore_[1].resize(states);
+  bit_.resize(states);
+}
+
+double PayloadDecoder::prefixAt(double t) const {
+  const double last = static_cast<double>(prefix_.size() - 1);
+  if (t <= 0) return prefix_.front();
+  if (t >= last) return prefix_.back();
+  const auto i = static_cast<std::size_t>(t);
+  const double f = t - static_cast<double>(i);
+  return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
+}
+
+// Each bit may begin a step early or late; a shift also adjusts the clock's
+// stretch, so that a sender running fast or slow is followed without a shift
+// at every bit (a second-order loop).
+double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next) const {
+  const double half = half_[bit] * (1 + clock.stretch);
+  const double length = 2 * half;
+  double best = kNone, shift = 0;
+  for (int s = -1; s <= 1; ++s) {
+    const double c =
+        correlation(half, clock.time + s * step_, polarity) - (s != 0 ? shiftCost_ * length : 0);
+    if (c > best) best = c, shift = s * step_;
+  }
+  next->time = clock.time + shift + length;
+  next->stretch =
+      std::clamp(clock.stretch + kClockGain * shift / length, -kMaxStretch, kMaxStretch);
+  return best - bias_ * length;
+}
+
+// Bit by bit, always the better waveform: cheap, and good enough to rank
+// candidate starts and polarities. The score is that of the best prefix.
+double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd) const {
+  Clock clock{t0, 0};
+  double sum = 0, best = 0;
+  for (int i = 0; i < kRankingBits && clock.time < searchEnd; ++i) {
+    Clock next0{}, next1{};
+    const double c0 = scoreBit(0, clock, polarity, &next0);
+    const double c1 = scoreBit(1, clock, polarity, &next1);
+    sum += std::max(c0, c1);
+    clock = c0 >= c1 ? next0 : next1;
+    best = std::max(best, sum);
+  }
+  return best;
+}
+
+std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
+                                              std::uint64_t origin, double onset, double searchEnd,
+                                              double level) {
+  if (signal.empty() || level <= 0) return std::nullopt;
+  prefix_.resize(signal.size() + 1);
+  prefix_[0] = 0;
+  for (std::size_t i = 0; i < signal.size(); ++i) prefix_[i + 1] = prefix_[i] + signal[i];
+  level_ = level;
+  bias_ = kBias * level;
+  shiftCost_ = kShiftCost * level;
+  const double relativeOnset = onset - static_cast<double>(origin);
+  // The run ends with the last block that was active: the last bit may reach
+  // up to a block further.
+  const double relativeEnd = searchEnd + onsetSlack_ - static_cast<double>(origin);
+
+  // Activity is measured in blocks, and noise can open a run early: the first
+  // bit begins a little before the onset or up to a few blocks after it.
+  std::vector<Start> starts;
+  const double from = relativeOnset - 2 * half_[0];
+  const double to = relativeOnset + 3 * onsetSlack_ + half_[0];
+  for (double t = from; t <= to; t += 0.4 * half_[0]) {
+    for (int polarity : {1, -1})
+      starts.push_back({t, polarity, greedyScore(t, polarity, relativeEnd)});
+  }
+  std::partial_sort(starts.begin(),
+                    starts.begin() + std::min<std::size_t>(kStartsKept, starts.size()),
+                    starts.end(), [](const Start& a, const Start& b) { return a.score > b.score; });
+  std::optional<Payload> best;
+  for (std::size_t s = 0; s < starts.size() && s < static_cast<std::size_t>(kStartsKept); ++s) {
+    auto payload = searchSequences(starts[s].time, starts[s].polarity, relativeEnd);
+    if (payload && (!best || payload->fit > best->fit)) {
+      best = std::move(payload);
+    }
+  }
+  if (!best) return std::nullopt;
+
+  // The signal-to-noise ratio: the payload's power against the quiet before
+  // the activity began (the silence that precedes every payload).
+  auto power = [&](double a, double b) {
+    const auto i = static_cast<std::size_t>(std::clamp(a, 0.0, static_cast<double>(signal.size())));
+    const auto j = static_cast<std::size_t>(std::clamp(b, 0.0, static_cast<double>(signal.size())));
+    double sum = 0;
+    for (std::size_t k = i; k < j; ++k) sum += static_cast<double>(signal[k]) * signal[k];
+    return j > i ? sum / static_cast<double>(j - i) : 0.0;
+  };
+  const double quiet = power(best->start - 200 * scale_, best->start - 40 * scale_);
+  const double total = power(best->start, best->end);
+  best->snrDb = std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
+                           -20.0, 99.0);
+  best->start += static_cast<double>(origin);
+  best->end += static_cast<double>(origin);
+  return best;
+}
+
+// Viterbi over the lattice of (bits sent, length so far), each state keeping
+// its own re-timed clock; then a backward pass for the margins.
+std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd) {
+  std::fill(score_.begin(), score_.end(), kNone);
+  score_[0] = 0;
+  clock_[0] = {t0, 0};
+  int lastLevel = 0;
+  for (int i = 0; i < kLongestPayload; ++i) {
+    bool any = false;
+    for (int k = i; k <= 2 * i; ++k) {
+      const int at = stateIndex(i, k);
+      if (score_[at] == kNone || clock_[at].time > searchEnd + 2 * half_[0]) {
+        bitScore_[0][at] = bitScore_[1][at] = kNone;
+        continue;
+      }
+      any = true;
+      for (int b = 0; b < 2; ++b) {
+        Clock next{};
+        const double c = scoreBit(b, clock_[at], polarity, &next);
+        bitScore_[b][at] = c;
+        const int to = stateIndex(i + 1, k + 1 + b);
+        if (score_[at] + c > score_[to]) {
+          score_[to] = score_[at] + c;
+          clock_[to] = next;
+          bit_[to] = static_cast<std::uint8_t>(b);
+        }
+      }
+    }
+    if (!any) break;
+    lastLevel = i + 1;
+  }
+
+  // The end: the best state of a valid payload length that ends in time.
+  int endBits = 0, endUnits = 0;
+  double endScore = kNone;
+  for (int n : kPayloadLengths) {
+    if (n > lastLevel) break;
+    for (int k = n; k <= 2 * n; ++k) {
+      const int at = stateIndex(n, k);
+      if (score_[at] > endScore && clock_[at].time <= searchEnd + half_[0]) {
+        endScore = score_[at], endBits = n, endUnits = k;
+      }
+    }
+  }
+  if (endScore == kNone || endScore <= 0) return std::nullopt;
+
+  Payload payload;
+  payload.bits.assign(endBits, '0');
+  std::vector<int> units(endBits + 1);
+  units[endBits] = endUnits;
+  for (int i = endBits, k = endUnits; i > 0; --i) {
+    const int b = bit_[stateIndex(i, k)];
+    payload.bits[i - 1] = static_cast<char>('0' + b);
+    k -= 1 + b;
+    units[i - 1] = k;
+  }
+  payload.start = t0;
+  payload.end = clock_[stateIndex(endBits, endUnits)].time;
+  const double span = payload.end - payload.start;
+  payload.amplitude = (endScore + bias_ * span) / span;
+  payload.fit = endScore;
+
+  // Backward: the best way from each state to any end of a valid length.
+  std::fill(backward_.begin(), backward_.end(), kNone);
+  auto isEnd = [&](int i, int at) {
+    return (i == 17 || i == 25 || i == 41 || i == 57) && score_[at] != kNone &&
+           clock_[at].time <= searchEnd + half_[0];
+  };
+  for (int i = lastLevel; i >= 0; --i) {
+    for (int k = i; k <= 2 * i; ++k) {
+      const int at = stateIndex(i, k);
+      if (score_[at] == kNone) continue;
+      if (isEnd(i, at)) backward_[at] = 0;
+      if (i == lastLevel) continue;
+      for (int b = 0; b < 2; ++b) {
+        const double after = backward_[stateIndex(i + 1, k + 1 + b)];
+        if (after != kNone && bitScore_[b][at] != kNone) {
+          backward_[at] = std::max(backward_[at], bitScore_[b][at] + after);
+        }
+      }
+    }
+  }
+  // Each bit's margin: the best sequence against the best one with that bit
+  // flipped, in units of a clean 0-bit's correlation.
+  double weakest = std::numeric_limits<double>::infinity();
+  for (int i = 0; i < endBits; ++i) {
+    const int flipped = payload.bits[i] == '1' ? 0 : 1;
+    double alternative = kNone;
+    for (int k = i; k <= 2 * i; ++k) {
+      const int at = stateIndex(i, k);
+      if (score_[at] == kNone || bitScore_[flipped][at] == kNone) continue;
+      const double after = backward_[stateIndex(i + 1, k + 1 + flipped)];
+      if (after == kNone) continue;
+      alternative = std::max(alternative, score_[at] + bitScore_[flipped][at] + after);
+    }
+    const double margin = alternative == kNone ? endScore : std::max(0.0, endScore - alternative);
+    weakest = std::min(weakest, margin);
+  }
+  // Against the stretch's level rather than the path's own correlation, which
+  // noise inflates by always picking the better of two waveforms.
+  const double cleanBit = level_ * 2 * half_[0];
+  payload.confidence = cleanBit > 0 ? std::clamp(weakest / cleanBit, 0.0, 1.0) : 0.0;
+  return payload;
+}
+
+}  // namespace nimbara::receiver
