@@ -15,11 +15,15 @@ constexpr double kNone = -std::numeric_limits<double>::infinity();
 // reverberation tail or in noise does not pay for itself.
 constexpr double kBias = 0.3;
 constexpr double kShiftCost = 0.03;
-constexpr int kStartsKept = 3;
+constexpr int kStartsKept = 2;
 constexpr double kClockGain = 0.1;
 constexpr double kMaxStretch = 0.06;
 // Starts are ranked on their first bits: a wrong phase shows at once.
-constexpr int kRankingBits = kLongestPayload;
+constexpr int kRankingBits = 16;
+constexpr std::size_t kStartsRescored = 6;
+// Sequences this many clean 0-bits worse than the best at the same point are
+// not followed further.
+constexpr double kBeamBits = 4;
 
 int stateIndex(int bits, int units) {
   return bits * (bits + 1) / 2 + (units - bits);
@@ -68,12 +72,16 @@ double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next)
   return best - bias_ * length;
 }
 
-// Bit by bit, always the better waveform: cheap, and good enough to rank
-// candidate starts and polarities. The score is that of the best prefix.
+// Bit by bit, always the better waveform, up to searchEnd: cheap, and
+// good enough to rank candidate starts and polarities. The score is that of
+// the best prefix, less whatever looks like a bit just before the start (a
+// start that skips the payload's first bits).
 double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd) const {
+  double before = 0;
+  for (double h : half_) before = std::max(before, std::fabs(correlation(h, t0 - 2 * h, 1)));
   Clock clock{t0, 0};
   double sum = 0, best = 0;
-  for (int i = 0; i < kRankingBits && clock.time < searchEnd; ++i) {
+  for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
     Clock next0{}, next1{};
     const double c0 = scoreBit(0, clock, polarity, &next0);
     const double c1 = scoreBit(1, clock, polarity, &next1);
@@ -81,7 +89,7 @@ double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd) co
     clock = c0 >= c1 ? next0 : next1;
     best = std::max(best, sum);
   }
-  return best;
+  return best - before;
 }
 
 std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
@@ -104,13 +112,24 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   std::vector<Start> starts;
   const double from = relativeOnset - 2 * half_[0];
   const double to = relativeOnset + 3 * onsetSlack_ + half_[0];
+  const double rankingSpan = kRankingBits * 3 * half_[0];
   for (double t = from; t <= to; t += 0.4 * half_[0]) {
-    for (int polarity : {1, -1})
-      starts.push_back({t, polarity, greedyScore(t, polarity, relativeEnd)});
+    for (int polarity : {1, -1}) {
+      starts.push_back(
+          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan))});
+    }
   }
-  std::partial_sort(starts.begin(),
-                    starts.begin() + std::min<std::size_t>(kStartsKept, starts.size()),
-                    starts.end(), [](const Start& a, const Start& b) { return a.score > b.score; });
+  // The same stretch of time after each candidate (as many bits as would
+  // fit, half of them 1s) ranks them; the few best are scored over the whole
+  // stretch.
+  const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
+  const std::size_t rescored = std::min(kStartsRescored, starts.size());
+  std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
+  starts.resize(rescored);
+  for (Start& start : starts) {
+    start.score = greedyScore(start.time, start.polarity, relativeEnd);
+  }
+  std::sort(starts.begin(), starts.end(), byScore);
   std::optional<Payload> best;
   for (std::size_t s = 0; s < starts.size() && s < static_cast<std::size_t>(kStartsKept); ++s) {
     auto payload = searchSequences(starts[s].time, starts[s].polarity, relativeEnd);
@@ -145,11 +164,14 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   score_[0] = 0;
   clock_[0] = {t0, 0};
   int lastLevel = 0;
+  const double beam = kBeamBits * level_ * 2 * half_[0];
   for (int i = 0; i < kLongestPayload; ++i) {
     bool any = false;
+    double levelBest = kNone;
+    for (int k = i; k <= 2 * i; ++k) levelBest = std::max(levelBest, score_[stateIndex(i, k)]);
     for (int k = i; k <= 2 * i; ++k) {
       const int at = stateIndex(i, k);
-      if (score_[at] == kNone || clock_[at].time > searchEnd + 2 * half_[0]) {
+      if (score_[at] < levelBest - beam || clock_[at].time > searchEnd + 2 * half_[0]) {
         bitScore_[0][at] = bitScore_[1][at] = kNone;
         continue;
       }
