@@ -54,6 +54,16 @@ double PayloadDecoder::prefixAt(double t) const {
   return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
 }
 
+// How much the signal looks like a bit (of either length and polarity) just
+// after t (direction 1) or just before it (-1).
+double PayloadDecoder::bitLike(double t, int direction) const {
+  double most = 0;
+  for (double h : half_) {
+    most = std::max(most, std::fabs(correlation(h, direction > 0 ? t : t - 2 * h, 1)));
+  }
+  return most;
+}
+
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
@@ -77,8 +87,7 @@ double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next)
 // the best prefix, less whatever looks like a bit just before the start (a
 // start that skips the payload's first bits).
 double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd) const {
-  double before = 0;
-  for (double h : half_) before = std::max(before, std::fabs(correlation(h, t0 - 2 * h, 1)));
+  const double before = bitLike(t0, -1);
   Clock clock{t0, 0};
   double sum = 0, best = 0;
   for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
@@ -131,8 +140,14 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   }
   std::sort(starts.begin(), starts.end(), byScore);
   std::optional<Payload> best;
-  for (std::size_t s = 0; s < starts.size() && s < static_cast<std::size_t>(kStartsKept); ++s) {
-    auto payload = searchSequences(starts[s].time, starts[s].polarity, relativeEnd);
+  // A run of 0-bits inverted is the same run half a period later: only the
+  // 1-bits and the edges tell the polarities apart, so both are searched.
+  int searched[2] = {0, 0};
+  for (const Start& start : starts) {
+    int& count = searched[start.polarity > 0 ? 0 : 1];
+    if (count == kStartsKept) continue;
+    ++count;
+    auto payload = searchSequences(start.time, start.polarity, relativeEnd);
     if (payload && (!best || payload->fit > best->fit)) {
       best = std::move(payload);
     }
@@ -194,13 +209,16 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
 
   // The end: the best state of a valid payload length that ends in time.
   int endBits = 0, endUnits = 0;
-  double endScore = kNone;
+  double endScore = kNone, endFit = kNone;
   for (int n : kPayloadLengths) {
     if (n > lastLevel) break;
     for (int k = n; k <= 2 * n; ++k) {
       const int at = stateIndex(n, k);
-      if (score_[at] > endScore && clock_[at].time <= searchEnd + half_[0]) {
-        endScore = score_[at], endBits = n, endUnits = k;
+      // A payload is followed by the stop level and silence: a bit's worth
+      // of signal right after the end means the sequence ended too early.
+      const double fit = score_[at] - bitLike(clock_[at].time, 1);
+      if (fit > endFit && clock_[at].time <= searchEnd + half_[0]) {
+        endFit = fit, endScore = score_[at], endBits = n, endUnits = k;
       }
     }
   }
@@ -220,7 +238,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   payload.end = clock_[stateIndex(endBits, endUnits)].time;
   const double span = payload.end - payload.start;
   payload.amplitude = (endScore + bias_ * span) / span;
-  payload.fit = endScore;
+  payload.fit = endFit - bitLike(t0, -1);
 
   // Backward: the best way from each state to any end of a valid length.
   std::fill(backward_.begin(), backward_.end(), kNone);

@@ -56,6 +56,7 @@ class PayloadDecoder {
   // The best re-timed correlation of a bit, less the costs; *next is the
   // clock of the following bit.
   double scoreBit(int bit, Clock clock, int polarity, Clock* next) const;
+  double bitLike(double t, int direction) const;
   double greedyScore(double t0, int polarity, double searchEnd) const;
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd);
 
