@@ -24,7 +24,9 @@ ActivityGate::ActivityGate(double sampleRate, int channels)
       blockLength_(std::max<std::size_t>(8, std::lround(sampleRate / 1000))),
       lag_(std::max<std::size_t>(1, std::lround(10 * sampleRate / kReferenceRate))),
       longestRun_(static_cast<std::uint64_t>(0.35 * sampleRate)),
-      history_(channels, std::vector<float>(lag_, 0.0f)) {}
+      history_(channels, std::vector<float>(lag_, 0.0f)),
+      sampleRise_(std::exp2(1 / (kFloorDoublingSeconds * sampleRate))),
+      blockRise_(std::pow(sampleRise_, static_cast<double>(blockLength_))) {}
 
 // The energy of x[n] - x[n - lag]: a comb whose first peak sits on the 0-bit's
 // fundamental, whose zero at DC removes offsets, hum and most of the rumble,
@@ -40,10 +42,21 @@ bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, Ac
       const float d = x[n] - past[n];
       sum += d * d;
     }
-    for (std::size_t n = lag_; n < count; ++n) {
-      const float d = x[n] - x[n - lag_];
-      sum += d * d;
+    // Eight independent sums, so that the loop vectorises without
+    // reassociating floating-point additions.
+    float lanes[8] = {};
+    std::size_t n = lag_;
+    for (; n + 8 <= count; n += 8) {
+      for (std::size_t l = 0; l < 8; ++l) {
+        const float d = x[n + l] - x[n + l - lag_];
+        lanes[l] += d * d;
+      }
     }
+    for (; n < count; ++n) {
+      const float d = x[n] - x[n - lag_];
+      lanes[0] += d * d;
+    }
+    for (float lane : lanes) sum += lane;
     // Keep the last `lag_` samples for the next block.
     if (count >= lag_) {
       std::copy(x + count - lag_, x + count, past.begin());
@@ -56,8 +69,7 @@ bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, Ac
   energy /= static_cast<double>(count);
 
   smoothed_ = floor_ < 0 ? energy : 0.75 * smoothed_ + 0.25 * energy;
-  const double rise =
-      std::exp2(static_cast<double>(count) / (kFloorDoublingSeconds * blockLength_ * 1000.0));
+  const double rise = count == blockLength_ ? blockRise_ : std::pow(sampleRise_, count);
   floor_ = floor_ < 0 ? smoothed_ : std::min(smoothed_, floor_ * rise);
   // The floor needs a few blocks before it means anything.
   const bool active =

@@ -39,6 +39,7 @@ class ActivityGate {
   const std::size_t lag_;  // half a short period: the comb's delay
   const std::uint64_t longestRun_;
   std::vector<std::vector<float>> history_;  // the last `lag_` samples per channel
+  const double sampleRise_, blockRise_;      // how fast the floor may rise
   double floor_ = -1;                        // slowly rising minimum of smoothed energies
   double smoothed_ = 0;
   int blocksSeen_ = 0;

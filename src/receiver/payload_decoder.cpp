@@ -20,7 +20,7 @@ constexpr double kClockGain = 0.1;
 constexpr double kMaxStretch = 0.06;
 // Starts are ranked on their first bits: a wrong phase shows at once.
 constexpr int kRankingBits = 16;
-constexpr std::size_t kStartsRescored = 6;
+constexpr std::size_t kStartsRescored = 10;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
@@ -46,11 +46,10 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
 }
 
 double PayloadDecoder::prefixAt(double t) const {
-  const double last = static_cast<double>(prefix_.size() - 1);
-  if (t <= 0) return prefix_.front();
-  if (t >= last) return prefix_.back();
-  const auto i = static_cast<std::size_t>(t);
-  const double f = t - static_cast<double>(i);
+  // Constant beyond both ends (the last step interpolates to the end).
+  const double u = std::clamp(t, 0.0, lastStep_);
+  const auto i = static_cast<std::size_t>(u);
+  const double f = u - static_cast<double>(i);
   return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
 }
 
@@ -67,11 +66,13 @@ double PayloadDecoder::bitLike(double t, int direction) const {
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
-double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next) const {
+double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next,
+                                bool retime) const {
   const double half = half_[bit] * (1 + clock.stretch);
   const double length = 2 * half;
   double best = kNone, shift = 0;
-  for (int s = -1; s <= 1; ++s) {
+  const int shifts = retime ? 1 : 0;
+  for (int s = -shifts; s <= shifts; ++s) {
     const double c =
         correlation(half, clock.time + s * step_, polarity) - (s != 0 ? shiftCost_ * length : 0);
     if (c > best) best = c, shift = s * step_;
@@ -86,14 +87,14 @@ double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next)
 // good enough to rank candidate starts and polarities. The score is that of
 // the best prefix, less whatever looks like a bit just before the start (a
 // start that skips the payload's first bits).
-double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd) const {
+double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd, bool retime) const {
   const double before = bitLike(t0, -1);
   Clock clock{t0, 0};
   double sum = 0, best = 0;
   for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
     Clock next0{}, next1{};
-    const double c0 = scoreBit(0, clock, polarity, &next0);
-    const double c1 = scoreBit(1, clock, polarity, &next1);
+    const double c0 = scoreBit(0, clock, polarity, &next0, retime);
+    const double c1 = scoreBit(1, clock, polarity, &next1, retime);
     sum += std::max(c0, c1);
     clock = c0 >= c1 ? next0 : next1;
     best = std::max(best, sum);
@@ -108,6 +109,8 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   prefix_.resize(signal.size() + 1);
   prefix_[0] = 0;
   for (std::size_t i = 0; i < signal.size(); ++i) prefix_[i + 1] = prefix_[i] + signal[i];
+  prefix_.push_back(prefix_.back());
+  lastStep_ = static_cast<double>(signal.size());
   level_ = level;
   bias_ = kBias * level;
   shiftCost_ = kShiftCost * level;
@@ -125,7 +128,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   for (double t = from; t <= to; t += 0.4 * half_[0]) {
     for (int polarity : {1, -1}) {
       starts.push_back(
-          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan))});
+          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan), false)});
     }
   }
   // The same stretch of time after each candidate (as many bits as would
@@ -136,7 +139,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
   starts.resize(rescored);
   for (Start& start : starts) {
-    start.score = greedyScore(start.time, start.polarity, relativeEnd);
+    start.score = greedyScore(start.time, start.polarity, relativeEnd, true);
   }
   std::sort(starts.begin(), starts.end(), byScore);
   std::optional<Payload> best;
@@ -193,7 +196,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
       any = true;
       for (int b = 0; b < 2; ++b) {
         Clock next{};
-        const double c = scoreBit(b, clock_[at], polarity, &next);
+        const double c = scoreBit(b, clock_[at], polarity, &next, true);
         bitScore_[b][at] = c;
         const int to = stateIndex(i + 1, k + 1 + b);
         if (score_[at] + c > score_[to]) {

@@ -55,9 +55,9 @@ class PayloadDecoder {
   };
   // The best re-timed correlation of a bit, less the costs; *next is the
   // clock of the following bit.
-  double scoreBit(int bit, Clock clock, int polarity, Clock* next) const;
+  double scoreBit(int bit, Clock clock, int polarity, Clock* next, bool retime) const;
   double bitLike(double t, int direction) const;
-  double greedyScore(double t0, int polarity, double searchEnd) const;
+  double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd);
 
   const double scale_;  // input samples per sample at 44100 Hz
@@ -65,6 +65,7 @@ class PayloadDecoder {
   const double step_;        // the re-timing allowed per bit
   const double onsetSlack_;  // how late after the onset the first bit may begin
   std::vector<double> prefix_;
+  double lastStep_ = 0;  // the last index where prefix_ can interpolate
   double level_ = 0;
   double bias_ = 0;  // cost per sample covered: stops a payload in a tail
   double shiftCost_ = 0;
