@@ -20,7 +20,7 @@ constexpr double kClockGain = 0.1;
 constexpr double kMaxStretch = 0.06;
 // Starts are ranked on their first bits: a wrong phase shows at once.
 constexpr int kRankingBits = 16;
-constexpr std::size_t kStartsRescored = 10;
+constexpr std::size_t kStartsRescored = 6;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
@@ -128,7 +128,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   for (double t = from; t <= to; t += 0.4 * half_[0]) {
     for (int polarity : {1, -1}) {
       starts.push_back(
-          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan), false)});
+          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan), true)});
     }
   }
   // The same stretch of time after each candidate (as many bits as would
