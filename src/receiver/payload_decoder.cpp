@@ -142,20 +142,50 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
     start.score = greedyScore(start.time, start.polarity, relativeEnd, true);
   }
   std::sort(starts.begin(), starts.end(), byScore);
-  std::optional<Payload> best;
-  // A run of 0-bits inverted is the same run half a period later: only the
-  // 1-bits and the edges tell the polarities apart, so both are searched.
+  // Inverted, a run of 0-bits is the same run half a period later, and a run
+  // of 1-bits the same run one 0-bit later: only the other bits and the edges
+  // tell the polarities apart. Both are searched, and the best reading of
+  // each is kept: the other repetition decides between them.
+  std::optional<Payload> byPolarity[2];
   int searched[2] = {0, 0};
   for (const Start& start : starts) {
-    int& count = searched[start.polarity > 0 ? 0 : 1];
-    if (count == kStartsKept) continue;
-    ++count;
+    const int side = start.polarity > 0 ? 0 : 1;
+    if (searched[side] == kStartsKept) continue;
+    ++searched[side];
     auto payload = searchSequences(start.time, start.polarity, relativeEnd);
-    if (payload && (!best || payload->fit > best->fit)) {
-      best = std::move(payload);
+    std::optional<Payload>& best = byPolarity[side];
+    if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
+  }
+  // A run of equal bits at an edge makes a start one 0-bit early or late
+  // look almost as good, and both repetitions fall for it alike: a reading
+  // whose shifted twin fits nearly as well is no more certain than that.
+  for (auto& payload : byPolarity) {
+    if (!payload) continue;
+    for (int direction : {-1, 1}) {
+      const double shift = direction * 2 * half_[0];
+      auto twin = searchSequences(payload->start + shift, payload->polarity, relativeEnd);
+      if (!twin || twin->bits == payload->bits) continue;
+      const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
+      payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
     }
   }
-  if (!best) return std::nullopt;
+  for (auto& payload : byPolarity) {
+    if (payload) finishPayload(*payload, signal, origin);
+  }
+  if (!byPolarity[0] && !byPolarity[1]) return std::nullopt;
+  const int better =
+      !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit) ? 0 : 1;
+  Payload best = std::move(*byPolarity[better]);
+  if (byPolarity[1 - better]) {
+    best.inverted = std::make_shared<Payload>(std::move(*byPolarity[1 - better]));
+  }
+  return best;
+}
+
+// The signal-to-noise ratio, and the times in the stream.
+void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& signal,
+                                   std::uint64_t origin) const {
+  Payload* best = &payload;
 
   // The signal-to-noise ratio: the payload's power against the quiet before
   // the activity began (the silence that precedes every payload).
@@ -172,7 +202,6 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
                            -20.0, 99.0);
   best->start += static_cast<double>(origin);
   best->end += static_cast<double>(origin);
-  return best;
 }
 
 // Viterbi over the lattice of (bits sent, length so far), each state keeping
@@ -238,6 +267,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     units[i - 1] = k;
   }
   payload.start = t0;
+  payload.polarity = polarity;
   payload.end = clock_[stateIndex(endBits, endUnits)].time;
   const double span = payload.end - payload.start;
   payload.amplitude = (endScore + bias_ * span) / span;

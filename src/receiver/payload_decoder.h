@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,9 @@ struct Payload {
   double amplitude = 0;   // the signal's correlation per sample
   double snrDb = 0;
   double fit = 0;  // the sequence's score: which of several readings is best
+  int polarity = 1;
+  // The best reading with the other polarity, if any.
+  std::shared_ptr<Payload> inverted;
 };
 
 class PayloadDecoder {
@@ -57,6 +61,8 @@ class PayloadDecoder {
   // clock of the following bit.
   double scoreBit(int bit, Clock clock, int polarity, Clock* next, bool retime) const;
   double bitLike(double t, int direction) const;
+  void finishPayload(Payload& payload, const std::vector<float>& signal,
+                     std::uint64_t origin) const;
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd);
 

@@ -130,8 +130,8 @@ struct Receiver::State {
     // Split the run at deep dips: under reverberation the silence between the
     // repetitions no longer ends a run.
     std::vector<float> sorted = run.blockEnergy;
-    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() * 3 / 4, sorted.end());
-    const float typical = sorted[sorted.size() * 3 / 4];
+    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() * 9 / 10, sorted.end());
+    const float typical = sorted[sorted.size() * 9 / 10];
     const auto blockStart = [&](std::size_t j) { return run.start + j * block; };
     std::size_t j = 0;
     const std::size_t blocks = run.blockEnergy.size();
@@ -181,21 +181,41 @@ struct Receiver::State {
     }
   }
 
+  // The readings of two repetitions to report: the pair
+  // that agrees with good parity if there is one, else the best fitting.
+  static std::pair<const receiver::Payload*, const receiver::Payload*> choose(
+      const receiver::Payload& first, const receiver::Payload& second) {
+    const receiver::Payload* firsts[] = {&first, first.inverted.get()};
+    const receiver::Payload* seconds[] = {&second, second.inverted.get()};
+    std::pair<const receiver::Payload*, const receiver::Payload*> best{&first, &second};
+    double bestRank = -1e300;
+    for (const receiver::Payload* a : firsts) {
+      for (const receiver::Payload* b : seconds) {
+        if (a == nullptr || b == nullptr) continue;
+        const bool agree = a->bits == b->bits && receiver::evenParity(a->bits);
+        const double rank = (agree ? 1e200 : 0) + a->fit + b->fit;
+        if (rank > bestRank) bestRank = rank, best = {a, b};
+      }
+    }
+    return best;
+  }
+
   void onPayload(receiver::Payload payload) {
     for (auto it = recent.begin(); it != recent.end(); ++it) {
-      if (receiver::followsAfterSilence(*it, payload, rate) &&
-          (it->bits == payload.bits || std::next(it) == recent.end())) {
-        receiver::Payload first = std::move(*it);
-        recent.erase(it);
-        // Unpaired payloads that began before this transmission come first.
-        while (!recent.empty() && recent.front().start < first.start) {
-          reportUnpaired(recent.front());
-          recent.erase(recent.begin());
-        }
-        emit(receiver::assemble(first, &payload, rate), first.start, payload.end,
-             std::max(first.amplitude, payload.amplitude));
-        return;
+      if (!receiver::followsAfterSilence(*it, payload, rate)) continue;
+      const auto [a, b] = choose(*it, payload);
+      if (a->bits != b->bits && std::next(it) != recent.end()) continue;  // a nearer one may agree
+      const receiver::Payload first = *a, second = *b;
+      const double start = it->start;
+      recent.erase(it);
+      // Unpaired payloads that began before this transmission come first.
+      while (!recent.empty() && recent.front().start < start) {
+        reportUnpaired(recent.front());
+        recent.erase(recent.begin());
       }
+      emit(receiver::assemble(first, &second, rate), first.start, second.end,
+           std::max(first.amplitude, second.amplitude));
+      return;
     }
     recent.push_back(std::move(payload));
   }

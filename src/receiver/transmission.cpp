@@ -17,11 +17,11 @@ std::uint32_t field(const std::string& bits, std::size_t from, std::size_t width
   return value;
 }
 
+}  // namespace
+
 bool evenParity(const std::string& bits) {
   return !bits.empty() && std::count(bits.begin(), bits.end(), '1') % 2 == 0;
 }
-
-}  // namespace
 
 bool followsAfterSilence(const Payload& first, const Payload& second, double sampleRate) {
   const double gap = (second.start - first.end) * kReferenceRate / sampleRate;
@@ -57,6 +57,9 @@ Transmission assemble(const Payload& first, const Payload* second, double sample
   } else if (parameterBits == 32) {
     t.number = field(bits, 8, 32);
   }
+  // The state and tank requests carry a parameter of eight 0-bits: anything
+  // else is no command the accessory knows.
+  if (parameterBits == 8 && field(bits, 8, 8) != 0) t.command = "unknown";
   t.damaged = t.command == "unknown" || !t.parityOk[0] || !t.parityOk[1] || !t.repetitionsAgree ||
               t.confidence < kConfidentMargin;
   return t;

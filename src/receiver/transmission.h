@@ -11,6 +11,9 @@ namespace nimbara::receiver {
 // transmission holding such a bit is reported damaged, never as a command.
 constexpr double kConfidentMargin = 0.25;
 
+// An even number of 1s, and at least one bit.
+bool evenParity(const std::string& bits);
+
 // Whether `second` begins one stop level and one silence after `first` ends.
 bool followsAfterSilence(const Payload& first, const Payload& second, double sampleRate);
 
