@@ -66,21 +66,31 @@ double PayloadDecoder::bitLike(double t, int direction) const {
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
-double PayloadDecoder::scoreBit(int bit, Clock clock, int polarity, Clock* next,
-                                bool retime) const {
-  const double half = half_[bit] * (1 + clock.stretch);
-  const double length = 2 * half;
-  double best = kNone, shift = 0;
+void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double score[2],
+                               Clock next[2]) const {
+  // A 1-bit's half is a whole 0-bit: the two correlations share their
+  // prefix sums at t and t + 2h and, per shift, need only four of them.
+  const double half = half_[0] * (1 + clock.stretch);
+  double best[2] = {kNone, kNone}, shift[2] = {0, 0};
   const int shifts = retime ? 1 : 0;
   for (int s = -shifts; s <= shifts; ++s) {
-    const double c =
-        correlation(half, clock.time + s * step_, polarity) - (s != 0 ? shiftCost_ * length : 0);
-    if (c > best) best = c, shift = s * step_;
+    const double t = clock.time + s * step_;
+    const double s0 = prefixAt(t), s1 = prefixAt(t + half), s2 = prefixAt(t + 2 * half),
+                 s4 = prefixAt(t + 4 * half);
+    const double c[2] = {polarity * (2 * s1 - s0 - s2), polarity * (2 * s2 - s0 - s4)};
+    for (int bit = 0; bit < 2; ++bit) {
+      const double length = 2 * half * (bit + 1);
+      const double value = c[bit] - (s != 0 ? shiftCost_ * length : 0);
+      if (value > best[bit]) best[bit] = value, shift[bit] = s * step_;
+    }
   }
-  next->time = clock.time + shift + length;
-  next->stretch =
-      std::clamp(clock.stretch + kClockGain * shift / length, -kMaxStretch, kMaxStretch);
-  return best - bias_ * length;
+  for (int bit = 0; bit < 2; ++bit) {
+    const double length = 2 * half * (bit + 1);
+    next[bit].time = clock.time + shift[bit] + length;
+    next[bit].stretch =
+        std::clamp(clock.stretch + kClockGain * shift[bit] / length, -kMaxStretch, kMaxStretch);
+    score[bit] = best[bit] - bias_ * length;
+  }
 }
 
 // Bit by bit, always the better waveform, up to searchEnd: cheap, and
@@ -92,9 +102,12 @@ double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd, bo
   Clock clock{t0, 0};
   double sum = 0, best = 0;
   for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
-    Clock next0{}, next1{};
-    const double c0 = scoreBit(0, clock, polarity, &next0, retime);
-    const double c1 = scoreBit(1, clock, polarity, &next1, retime);
+    Clock next[2];
+    double c[2];
+    scoreBits(clock, polarity, retime, c, next);
+    const double c0 = c[0], c1 = c[1];
+    const Clock& next0 = next[0];
+    const Clock& next1 = next[1];
     sum += std::max(c0, c1);
     clock = c0 >= c1 ? next0 : next1;
     best = std::max(best, sum);
@@ -223,9 +236,12 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
         continue;
       }
       any = true;
+      Clock nexts[2];
+      double scores[2];
+      scoreBits(clock_[at], polarity, true, scores, nexts);
       for (int b = 0; b < 2; ++b) {
-        Clock next{};
-        const double c = scoreBit(b, clock_[at], polarity, &next, true);
+        const Clock& next = nexts[b];
+        const double c = scores[b];
         bitScore_[b][at] = c;
         const int to = stateIndex(i + 1, k + 1 + b);
         if (score_[at] + c > score_[to]) {

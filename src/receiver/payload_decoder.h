@@ -57,9 +57,9 @@ class PayloadDecoder {
     double time;
     double stretch;
   };
-  // The best re-timed correlation of a bit, less the costs; *next is the
-  // clock of the following bit.
-  double scoreBit(int bit, Clock clock, int polarity, Clock* next, bool retime) const;
+  // The best re-timed correlation of each bit at the clock, less the costs,
+  // and the clock of the bit that would follow it.
+  void scoreBits(Clock clock, int polarity, bool retime, double score[2], Clock next[2]) const;
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
