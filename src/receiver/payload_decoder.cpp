@@ -14,13 +14,18 @@ constexpr double kNone = -std::numeric_limits<double>::infinity();
 // A covered sample costs this share of the stretch's level: a bit in a
 // reverberation tail or in noise does not pay for itself.
 constexpr double kBias = 0.3;
+// A re-timed bit costs this share of the level per sample, so that noise
+// does not walk the clock.
 constexpr double kShiftCost = 0.03;
-constexpr int kStartsKept = 2;
+// How fast a clock follows its shifts, and how far from nominal it may run.
 constexpr double kClockGain = 0.1;
 constexpr double kMaxStretch = 0.06;
-// Starts are ranked on their first bits: a wrong phase shows at once.
+// Starts are ranked on as long a stretch as this many bits would take (a
+// wrong phase shows at once); the best few are scored over the whole
+// stretch, and the best of each polarity searched as sequences.
 constexpr int kRankingBits = 16;
 constexpr std::size_t kStartsRescored = 6;
+constexpr int kStartsKept = 2;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
