@@ -50,14 +50,6 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
   bit_.resize(states);
 }
 
-double PayloadDecoder::prefixAt(double t) const {
-  // Constant beyond both ends (the last step interpolates to the end).
-  const double u = std::clamp(t, 0.0, lastStep_);
-  const auto i = static_cast<std::size_t>(u);
-  const double f = u - static_cast<double>(i);
-  return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
-}
-
 // How much the signal looks like a bit (of either length and polarity) just
 // after t (direction 1) or just before it (-1).
 double PayloadDecoder::bitLike(double t, int direction) const {
@@ -170,7 +162,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
     const int side = start.polarity > 0 ? 0 : 1;
     if (searched[side] == kStartsKept) continue;
     ++searched[side];
-    auto payload = searchSequences(start.time, start.polarity, relativeEnd);
+    auto payload = searchSequences(start.time, start.polarity, relativeEnd, true);
     std::optional<Payload>& best = byPolarity[side];
     if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
   }
@@ -181,7 +173,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
     if (!payload) continue;
     for (int direction : {-1, 1}) {
       const double shift = direction * 2 * half_[0];
-      auto twin = searchSequences(payload->start + shift, payload->polarity, relativeEnd);
+      auto twin = searchSequences(payload->start + shift, payload->polarity, relativeEnd, false);
       if (!twin || twin->bits == payload->bits) continue;
       const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
       payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
@@ -224,7 +216,8 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
 
 // Viterbi over the lattice of (bits sent, length so far), each state keeping
 // its own re-timed clock; then a backward pass for the margins.
-std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd) {
+std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd,
+                                                       bool margins) {
   std::fill(score_.begin(), score_.end(), kNone);
   score_[0] = 0;
   clock_[0] = {t0, 0};
@@ -293,6 +286,8 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   const double span = payload.end - payload.start;
   payload.amplitude = (endScore + bias_ * span) / span;
   payload.fit = endFit - bitLike(t0, -1);
+
+  if (!margins) return payload;
 
   // Backward: the best way from each state to any end of a valid length.
   std::fill(backward_.begin(), backward_.end(), kNone);

@@ -7,6 +7,7 @@
 // bit flipped fits.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -45,7 +46,14 @@ class PayloadDecoder {
     double score;
   };
 
-  double prefixAt(double t) const;
+  // The prefix sum at a fractional index, constant beyond both ends (the
+  // last step interpolates to the end).
+  double prefixAt(double t) const {
+    const double u = std::clamp(t, 0.0, lastStep_);
+    const auto i = static_cast<std::size_t>(u);
+    const double f = u - static_cast<double>(i);
+    return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
+  }
   // Correlation with a square period of half-length h starting at t
   // (relative to the signal's start).
   double correlation(double h, double t, int polarity) const {
@@ -64,7 +72,8 @@ class PayloadDecoder {
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
-  std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd);
+  // The best sequence from t0; with `margins`, its bits' margins too.
+  std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
 
   const double scale_;  // input samples per sample at 44100 Hz
   const double half_[2];

@@ -99,8 +99,15 @@ struct Receiver::State {
     const std::size_t length = to - from;
     std::vector<std::vector<float>> band(channels, std::vector<float>(length));
     std::vector<double> energy(channels, 0.0);
+    std::vector<bool> repeats(channels, false);
     for (int c = 0; c < channels; ++c) {
       for (std::size_t i = 0; i < length; ++i) band[c][i] = ring[c][(from + i) % capacity];
+      // A channel that repeats the first (as the accessory's output does)
+      // adds nothing: it is left out, with no energy.
+      repeats[c] = c > 0 && band[c] == band[0];
+    }
+    for (int c = 0; c < channels; ++c) {
+      if (repeats[c]) continue;
       bandPass.apply(band[c]);
       for (float x : band[c]) energy[c] += static_cast<double>(x) * x;
     }
