@@ -139,6 +139,21 @@ print("""
   0-bit off. Fewer candidates or searches cost exact decodes on the channel
   matrix (about 5 points each), so they were kept; the figures move by about
   20% from run to run on this shared machine.
+- **Whole-process decode against minimodem.** `nimbara decode` reads the
+  whole file into memory and converts it to floats before decoding (about
+  300 MB for ten minutes of stereo): most of its CPU time is that loading and
+  the kernel's page faults, while the decoding itself runs at the receiver's
+  rate above (ten minutes in about 0.2 s). Reading and pushing the file in
+  blocks, as the tool's coming libsndfile reader can, removes it.
+- **Channels where minimodem keeps its messages and we do not (yet).** Short
+  multipath (0.3 ms, 1 ms) and small rooms smear one bit into the next, which
+  correlation against the two clean waveforms does not undo (an equaliser
+  would); strong noise (white at 3 dB, pink at 6 dB), an in-band tone and
+  some codec and compander distortion leave the right bits but with margins
+  under the threshold (0.25 of a clean 0-bit), or a start one bit off at a
+  run of equal bits, which the confidence check turns into damaged reports.
+  The threshold stays where it is: agreeing repetitions with good parity but
+  wrong bits were seen at margins up to 0.16 on this matrix.
 - **Heap blocks per transmission.** Besides the frame (15 blocks) and the
   context, each transmission creates its output queue as the playback design
   asks (`AudioQueueNewOutput` per call): the queue, its three buffers, the
