@@ -1,3 +1,4 @@
+#include <nimbara/api/command.h>
 #include <nimbara/device/operations.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/wav_device.h>
@@ -220,6 +221,87 @@ TEST(Receiver, ReadsWhatTheWavWriterWrote) {
   EXPECT_FALSE(nimbara::readWavFile(path, &audio, &error));
   EXPECT_NE(error.find("holds no samples"), std::string::npos);
   std::remove(path.c_str());
+}
+
+// A flash, as the operation renders it, mono.
+Signal flash() {
+  return leftChannel(nimbara::renderCommand(nimbara::makeCommand("flash", {12, 34, 56, 7, 890})));
+}
+
+TEST(Receiver, StereoWithOppositeChannelsIsNotCancelled) {
+  const Signal mono = withSilence(flash(), 3000, 3000);
+  std::vector<float> stereo;
+  for (float x : mono) {
+    stereo.push_back(x);
+    stereo.push_back(-x);  // averaged, this would be silence
+  }
+  Receiver receiver(44100, 2);
+  receiver.push(stereo.data(), mono.size());
+  receiver.finish();
+  const auto received = receiver.take();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_FALSE(received[0].damaged);
+  EXPECT_EQ(received[0].blue, 56);
+}
+
+TEST(Receiver, DecodesAtEightKilohertz) {
+  // Band-limited below the new Nyquist frequency first, as a resampler does.
+  const Signal signal = resample(
+      biquad(biquad(withSilence(flash(), 3000, 3000), 44100, 3400, false), 44100, 3400, false),
+      8000 / 44100.0);
+  const auto received = receive(signal, 8000);
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_FALSE(received[0].damaged) << received[0].bits[0] << " / " << received[0].bits[1];
+  EXPECT_EQ(received[0].time, 890);
+}
+
+TEST(Receiver, ConfidenceAndSignalToNoiseAreMeasured) {
+  const Signal clean = withSilence(flash(), 3000, 3000);
+  const auto quiet = receive(clean, 44100);
+  const auto noisy = receive(noise(clean, 6, 1.0f, 3), 44100);
+  ASSERT_EQ(quiet.size(), 1u);
+  ASSERT_EQ(noisy.size(), 1u);
+  // The weakest bit's margin: well clear of the threshold on a clean line.
+  EXPECT_GT(quiet[0].confidence, 0.5);
+  EXPECT_LE(quiet[0].confidence, 1.0);
+  EXPECT_GT(quiet[0].snrDb, 40);
+  // White noise 6 dB below the square wave, measured in the receiver's band.
+  EXPECT_NEAR(noisy[0].snrDb, 6 + 10 * std::log10(22050.0 / 6800), 3);
+  EXPECT_GT(noisy[0].confidence, 0.0);
+}
+
+TEST(Receiver, ReportsATransmissionSoonAfterItEnds) {
+  const Signal signal = withSilence(flash(), 3000, 44100);
+  const std::size_t end = 3000 + flash().size();  // the frame's padding included
+  Receiver receiver(44100, 1);
+  std::size_t pushed = 0, reportedAt = 0;
+  receiver.onTransmission([&](const Transmission&) { reportedAt = pushed; });
+  constexpr std::size_t kChunk = 441;  // 10 ms, as a sound card delivers
+  for (; pushed < signal.size() && reportedAt == 0;) {
+    const std::size_t n = std::min(kChunk, signal.size() - pushed);
+    receiver.push(signal.data() + pushed, n);
+    pushed += n;
+  }
+  ASSERT_NE(reportedAt, 0u) << "not reported before the end of the stream";
+  EXPECT_LE(reportedAt, end + 4410) << "more than 100 ms after the end";
+}
+
+TEST(Receiver, AnEchoIsNotASecondTransmission) {
+  const Signal direct = withSilence(flash(), 3000, 10000);
+  for (int delayMs : {1, 30, 80, 140}) {
+    Signal room = direct;
+    const auto delay = static_cast<std::size_t>(delayMs * 44.1);
+    for (std::size_t i = delay; i < room.size(); ++i) room[i] += 0.5f * direct[i - delay];
+    const auto received = receive(room, 44100);
+    int undamaged = 0;
+    for (const Transmission& t : received) undamaged += !t.damaged;
+    EXPECT_LE(undamaged, 1) << delayMs << " ms";
+    for (const Transmission& t : received) {
+      if (!t.damaged) {
+        EXPECT_EQ(t.red, 12) << delayMs << " ms";
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -27,6 +27,15 @@ contains() {  # description, file, text
     echo "FAIL: $1: no \"$3\" in:"; cat "$2"; failures=$((failures + 1)); fi
 }
 
+# Every line of a file is a JSON object; `check` is a Python expression over
+# the list of them, `lines`.
+json_lines() {  # description, file, python expression
+  if python3 -c 'import json, sys
+lines = [json.loads(l) for l in open(sys.argv[1]) if l.strip()]
+sys.exit(0 if eval(sys.argv[2]) else 1)' "$2" "$3" 2>"$work/json.err"; then passes=$((passes + 1)); else
+    echo "FAIL: $1: not ($3) in:"; cat "$2" "$work/json.err"; failures=$((failures + 1)); fi
+}
+
 one_line() {  # description: stderr holds one line
   if [ "$(wc -l <"$work/err")" -eq 1 ]; then passes=$((passes + 1)); else
     echo "FAIL: $1: stderr is not one line:"; cat "$work/err"; failures=$((failures + 1)); fi
@@ -48,9 +57,115 @@ render_decode doSprayWithLightLed "puff rgb(1, 2, 3) special 4 time 1000 ms" 1 2
 render_decode doSprayWithLightLedGetTankId \
   "puff rgb(9, 8, 7) special 6 time 100 ms" 9 8 7 6 -20
 check "render writes targetFrames" 0 "$tool" --json render doEcho 1 --out "$work/echo.wav"
-contains "render frames" "$work/out" '"frames": 17640'
+json_lines "render frames" "$work/out" 'lines[0]["frames"] == 17640 and lines[0]["command"] == "echo"'
 check "decode --json" 0 "$tool" --json decode "$work/doEcho.wav"
-contains "decode json" "$work/out" '"command": "echo"'
+json_lines "decode json" "$work/out" 'lines[0]["command"] == "echo" and lines[0]["number"] == 4294967295'
+
+# Every verb, with the same words as the device commands, renders and decodes
+# back to itself; colours in every syntax.
+verb_round_trip() {  # expected decode text, render words...
+  local expected=$1
+  shift
+  check "render $*" 0 "$tool" -q render "$@" --out "$work/verb.wav" &&
+    check "decode $*" 0 "$tool" decode "$work/verb.wav" &&
+    contains "decode $*" "$work/out" "$expected"
+}
+verb_round_trip "flash rgb(255, 165, 0) special 0 time 500 ms" flash orange
+verb_round_trip "flash rgb(0, 128, 128) special 3 time 250 ms" flash teal --special 3 --time 250
+verb_round_trip "puff rgb(255, 0, 128) special 0 time 700 ms" puff '#ff0080' --time 700
+verb_round_trip "puff rgb(255, 0, 128) special 0 time 1000 ms" puff FF0080 --time 5000
+verb_round_trip "puff rgb(1, 2, 3) special 0 time 500 ms without asking for the tank" \
+  puff 1 2 3 --no-tank
+verb_round_trip "spray time 300 ms" spray 300
+verb_round_trip "spray time -1 ms" spray -1
+verb_round_trip "state" state
+verb_round_trip "tank" tank
+verb_round_trip "echo number 10" echo 010
+check "decode names a puff's tank question" 0 "$tool" --json decode "$work/doSprayWithLightLedGetTankId.wav"
+json_lines "asks_tank" "$work/out" 'lines[0]["command"] == "puff" and lines[0]["asks_tank"] is True'
+
+# Standard input and output.
+"$tool" -q render flash navy --out - | "$tool" decode - >"$work/out" 2>"$work/err"
+contains "render to stdout, decode stdin" "$work/out" "flash rgb(0, 0, 128)"
+"$tool" -q render echo 77 --out - | sox -t wav - -t raw -r 22050 -e signed -b 16 -c 1 - 2>/dev/null |
+  "$tool" decode --raw --rate 22050 --channels 1 - >"$work/out" 2>"$work/err"
+contains "raw PCM from stdin" "$work/out" "echo number 77"
+
+# Whatever libsndfile reads, several files in one call, JSON Lines naming each.
+"$tool" -q render puff lime --time 600 --out "$work/source.wav"
+formats=("u8.wav -b 8 -e unsigned" "ulaw.wav -e u-law" "alaw.wav -e a-law" "adpcm.wav -e ima-adpcm"
+         "float.wav -e float -b 32" "s24.wav -b 24" "mono.wav -c 1" "low.wav -r 8000"
+         "flac.flac" "ogg.ogg -C 10")
+files=()
+for format in "${formats[@]}"; do
+  read -r name options <<<"$format"
+  # shellcheck disable=SC2086
+  sox "$work/source.wav" $options "$work/$name" && files+=("$work/$name")
+done
+lame --quiet -b 320 "$work/source.wav" "$work/mp3.mp3" && files+=("$work/mp3.mp3")
+check "decode every format" 0 "$tool" --json decode "${files[@]}"
+json_lines "every format" "$work/out" \
+  "len(lines) == ${#files[@]} and all(l['command'] == 'puff' and not l['damaged'] and (l['red'], l['green'], l['blue'], l['time']) == (0, 255, 0, 600) for l in lines) and len({l['file'] for l in lines}) == ${#files[@]}"
+
+# A cue file: every command at its time, in one WAV.
+cat >"$work/cues.txt" <<CUES
+# a film
+0.0 puff orange --time 600
+2.5 flash 0 0 255   # blue
+3.0 spray 300
+
+3.5 echo 5
+CUES
+check "play cues into a WAV" 0 "$tool" --device "wav:$work/timeline.wav" play "$work/cues.txt"
+check "decode the timeline" 0 "$tool" --json decode "$work/timeline.wav"
+json_lines "timeline" "$work/out" \
+  "[(l['command'], l['start']) for l in lines] == [('puff', 0.0), ('flash', 2.5), ('spray', 3.0), ('echo', 3.5)]"
+printf '0 puff red\n0.2 flash red\n' >"$work/overlap.txt"
+check "overlapping cues" 2 "$tool" --device virtual play "$work/overlap.txt" && one_line "overlap"
+contains "overlapping cues" "$work/err" "overlap.txt:2: starts at 0.200 s, before the puff of line 1"
+printf '0 puff red\nsoon flash red\n' >"$work/badtime.txt"
+check "a bad time" 2 "$tool" --device virtual play "$work/badtime.txt" && one_line "bad time"
+contains "a bad time" "$work/err" "badtime.txt:2:"
+printf '0 puff red\n1 blink red\n' >"$work/badverb.txt"
+check "a bad command" 2 "$tool" --device virtual play "$work/badverb.txt" && one_line "bad command"
+contains "a bad command" "$work/err" "badverb.txt:2: unknown command"
+
+# Decoding streams: a ten-minute recording in little memory.
+sox -n -r 44100 -c 2 -b 16 "$work/minute.wav" trim 0 59.6
+parts=()
+for _ in $(seq 10); do parts+=("$work/minute.wav" "$work/source.wav"); done
+sox "${parts[@]}" "$work/long.wav"
+/usr/bin/time -f "%M" -o "$work/rss" "$tool" decode "$work/long.wav" >"$work/out" 2>/dev/null
+if [ "$(grep -c puff "$work/out")" -eq 10 ] && [ "$(tail -1 "$work/rss")" -lt 51200 ]; then
+  passes=$((passes + 1)); else
+  echo "FAIL: a ten-minute decode: $(grep -c puff "$work/out") puffs, $(tail -1 "$work/rss") KiB"
+  failures=$((failures + 1)); fi
+rm -f "$work/long.wav"
+
+# Manners: version, help, suggestions, decimal numbers, short messages.
+check "version" 0 "$tool" --version
+contains "version" "$work/out" "nimbara 1."
+check "help for a command" 0 "$tool" help puff
+contains "help for a command" "$work/out" "--no-tank"
+check "a misspelt command" 2 "$tool" stauts && one_line "misspelt"
+contains "a misspelt command" "$work/err" 'unknown command "stauts" (did you mean status?)'
+check "a misspelt verb" 2 "$tool" render flsh red --out "$work/x.wav" && one_line "misspelt verb"
+contains "a misspelt verb" "$work/err" "did you mean flash?"
+check "a huge number" 2 "$tool" --device virtual echo 99999999999999999999999999999999999999999
+contains "a huge number" "$work/err" '"99999999999999999999..."'
+check "not a colour" 2 "$tool" --device virtual flash blurple && one_line "not a colour"
+contains "not a colour" "$work/err" '"blurple" is not a colour'
+check "errors as JSON" 2 "$tool" --json --device virtual flash 1 2 300
+json_lines "errors as JSON" "$work/err" 'lines[0]["exit"] == 2 and "blue" in lines[0]["error"]'
+check "quiet" 0 "$tool" -q --device virtual flash red
+if [ -s "$work/out" ]; then echo "FAIL: -q printed"; failures=$((failures + 1)); else passes=$((passes + 1)); fi
+check "a trace" 0 "$tool" -v --device virtual flash red
+contains "a trace" "$work/err" "sending flash rgb(255, 0, 0) special 0 time 500 ms (doLightLed, 17640 frames)"
+check "the library's log" 0 "$tool" -vv --device virtual flash red
+contains "the library's log" "$work/err" "doLightLed start."
+for bad in nan inf -1; do
+  check "listen --seconds $bad" 2 "$tool" listen --seconds "$bad" && one_line "listen --seconds $bad"
+done
 
 # Bad input: one line on stderr; 2 for usage, 1 for failures, 3 for no device.
 check "unknown subcommand" 2 "$tool" bogus && one_line "unknown subcommand"
@@ -64,7 +179,7 @@ check "render range" 2 "$tool" render doLightLed 1 2 300 4 5 --out "$work/x.wav"
 check "missing file" 1 "$tool" decode "$work/none.wav" && one_line "missing file"
 echo "not audio" >"$work/text.wav"
 check "not a WAV" 1 "$tool" decode "$work/text.wav" && one_line "not a WAV"
-contains "not a WAV" "$work/err" "is not a WAV file"
+contains "not a WAV" "$work/err" "is not an audio file libsndfile reads"
 head -c 44 "$work/doEcho.wav" >"$work/empty.wav"
 check "no samples" 1 "$tool" decode "$work/empty.wav" && one_line "no samples"
 contains "no samples" "$work/err" "holds no samples"
@@ -95,14 +210,14 @@ contains "no server" "$work/err" "--device virtual"
 
 # The virtual accessory shows what it did; the skip switch sends without a route.
 check "virtual puff" 0 "$tool" --device virtual puff 255 64 0 --time 2000
-contains "virtual puff" "$work/out" "time 2000 ms (the accessory sprays 1000 ms"
+contains "virtual puff" "$work/out" "time 2000 ms (sent as 1000 ms: the accessory sprays 1000 ms"
 contains "virtual puff" "$work/out" "accessory: sprays for 1000 ms, LED rgb(255, 64, 0)"
 check "skip precheck" 0 "$tool" --device virtual --route Speaker --skip-precheck flash 0 0 255
 contains "skip precheck" "$work/out" "accessory: LED rgb(0, 0, 255) special 0 for 500 ms"
 check "tank" 0 "$tool" --device virtual --json tank
-contains "tank" "$work/out" '"base64": "bbwAAAAAAA=="'
+json_lines "tank" "$work/out" 'lines[0]["tank"]["base64"] == "bbwAAAAAAA==" and lines[0]["tank"]["year"] == 13 and lines[0]["heard"] is False'
 check "tank says what it is" 0 "$tool" --device virtual tank
-contains "tank says what it is" "$work/out" "no reply is heard, so this is the library's fixed identity"
+contains "tank says what it is" "$work/out" "no reply is heard: the library's fixed tank identity is"
 contains "tank says what it is" "$work/out" "accessory: is asked for its tank identity"
 check "echo says what it is" 0 "$tool" --device virtual echo 77
 contains "echo says what it is" "$work/out" "no reply is heard"
@@ -114,7 +229,10 @@ contains "wav device" "$work/out" "flash rgb(1, 2, 3)"
 if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   "$tool" listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
   listener=$!
-  for _ in $(seq 100); do grep -q "listening" "$work/listen.err" 2>/dev/null && break; sleep 0.05; done
+  for _ in $(seq 100); do
+    pactl list short source-outputs 2>/dev/null | grep -q . && break
+    sleep 0.05
+  done
   check "puff on the server" 0 "$tool" puff 12 34 56 --time 700
   wait "$listener"
   contains "listen" "$work/listen" "puff rgb(12, 34, 56) special 0 time 700 ms"
@@ -124,6 +242,24 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   contains "status" "$work/out" "device: present"
   check "status on the speaker" 3 "$tool" --device pulse:speaker status
   contains "status on the speaker" "$work/out" "route: Speaker"
+
+  # Presence is judged on the sink that plays, not on the default one.
+  check "puff on the speaker" 3 "$tool" --device pulse:speaker puff red && one_line "speaker puff"
+  "$tool" --json listen --source speaker.monitor --count 1 --seconds 20 >"$work/listen" 2>/dev/null &
+  listener=$!
+  for _ in $(seq 100); do
+    pactl list short source-outputs 2>/dev/null | grep -q . && break
+    sleep 0.05
+  done
+  check "a chosen sink plays" 0 "$tool" --device pulse:speaker --skip-precheck flash 9 8 7
+  wait "$listener"
+  json_lines "heard on the chosen sink" "$work/listen" \
+    'lines[0]["command"] == "flash" and (lines[0]["red"], lines[0]["green"], lines[0]["blue"]) == (9, 8, 7)'
+  check "too few heard" 1 "$tool" listen --source speaker.monitor --count 1 --seconds 0.5 &&
+    one_line "too few heard"
+  contains "too few heard" "$work/err" "heard 0 of 1 transmissions"
+  check "no such source" 1 "$tool" listen --source nosuch --seconds 1 && one_line "no such source"
+  contains "no such source" "$work/err" 'there is no source named "nosuch"'
 
   # A turned-down output is warned about before a flash; the flash still goes.
   pactl set-sink-volume headphones 50%

@@ -5,44 +5,61 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "report.h"
+#include "words.h"
 
+#ifndef NIMBARA_VERSION
+#define NIMBARA_VERSION "0"
+#endif
+
+namespace tool {
 namespace {
 
-constexpr int kUsage = 2;
+const std::vector<std::string> kSubcommands = {"status", "outputs", "flash", "puff",   "spray",
+                                               "state",  "tank",    "echo",  "render", "decode",
+                                               "listen", "play",    "help"};
 
-// The device commands' colour, special and time options.
-void addLedOptions(CLI::App* command, tool::LedRequest& led) {
-  command->add_option("R", led.red, "red, 0 to 255")->required()->check(CLI::Range(0, 255));
-  command->add_option("G", led.green, "green, 0 to 255")->required()->check(CLI::Range(0, 255));
-  command->add_option("B", led.blue, "blue, 0 to 255")->required()->check(CLI::Range(0, 255));
-  command->add_option("--special", led.special, "special effect byte, 0 to 255")
-      ->check(CLI::Range(0, 255));
-  command->add_option("--time", led.time, "time in milliseconds, -32768 to 32767")
-      ->check(CLI::Range(-32768, 32767));
+// One line on stderr, or one JSON object there under --json; the exit status.
+int fail(bool json, const std::string& message, int code) {
+  if (json) {
+    std::cerr << Json{{"error", message}, {"exit", code}}.dump() << std::endl;
+  } else {
+    std::cerr << "nimbara: " << message << (code == kUsage ? " (see nimbara help)" : "") << "\n";
+  }
+  return code;
+}
+
+// The options every device command takes after its words.
+void addCommandOptions(CLI::App* command, CommandWords& words, bool led) {
+  if (!led) return;
+  command->add_option("--special", words.special, "special-effect byte, 0 to 255 (default 0)");
+  command->add_option("--time", words.time,
+                      "milliseconds, -32768 to 32767 (default 500; a puff sprays 100 to 1000)");
 }
 
 }  // namespace
 
-namespace tool {
-
 int runTool(int argc, const char* const* argv, bool execute) {
-  CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound"};
+  CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound", "nimbara"};
   app.require_subcommand(1, 1);
   app.fallthrough();
-  app.failure_message([](const CLI::App*, const CLI::Error& e) {
-    return "nimbara: " + std::string(e.what()) + " (see --help)\n";
-  });
+  app.set_version_flag("--version", "nimbara " NIMBARA_VERSION);
+  app.footer(
+      "COLOUR is R G B (0 to 255 each), #rrggbb, rrggbb or a CSS name (orange, teal...).\n"
+      "Numbers are decimal. Exit status: 0, 1 failure, 2 usage, 3 no device on the route.");
 
-  tool::Globals globals;
+  Globals globals;
+  int verbose = 0;
+  bool quiet = false;
   app.add_option("--device", globals.device,
-                 "audio output: pulse (the default sink), pulse:SINK, virtual or wav:PATH")
+                 "audio output: pulse (the default sink), pulse:SINK, virtual or wav:PATH "
+                 "(default pulse)")
       ->check([](const std::string& device) {
         if (device == "pulse" || device == "virtual") return std::string();
         if ((device.starts_with("wav:") && device.size() > 4) ||
@@ -52,80 +69,149 @@ int runTool(int argc, const char* const* argv, bool execute) {
         return std::string("must be pulse, pulse:SINK, virtual or wav:PATH");
       });
   app.add_option("--route", globals.route, "route name of the virtual or wav output");
-  app.add_flag("--verbose", globals.verbose, "show the library's log lines");
-  app.add_flag("--json", globals.json, "print results as JSON");
+  app.add_flag("-v,--verbose", verbose,
+               "-v: a trace of what was sent and when; -vv: the library's log lines too");
+  app.add_flag("-q,--quiet", quiet, "print nothing but errors");
+  app.add_flag("--json", globals.json,
+               "print JSON (decode and listen: JSON Lines, one object a line)");
   app.add_flag("--skip-precheck", globals.skipPrecheck,
-               "do not check for headphones on the audio route (SKIP_PRECHECK)");
+               "send without checking for headphones on the audio route");
 
-  auto* status = app.add_subcommand(
-      "status", "the audio route, the device's presence and the volume; exit 3 when absent");
-  tool::LedRequest flashLed, puffLed;
-  auto* flash = app.add_subcommand("flash", "flash the LED");
-  addLedOptions(flash, flashLed);
-  auto* puff = app.add_subcommand("puff", "puff a scent while flashing the LED");
-  addLedOptions(puff, puffLed);
-  auto* tank = app.add_subcommand(
-      "tank",
-      "send the tank identity query; the reply is not heard, so the library's fixed identity "
-      "is printed");
-  std::uint64_t echoNumber = 0;
-  auto* echo = app.add_subcommand(
-      "echo",
-      "send a number to echo; the reply is not heard, so the library's fixed answer (0) "
-      "is printed");
-  echo->add_option("N", echoNumber, "number, 0 to 4294967295")
-      ->required()
-      ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{4294967295u}));
-
-  tool::RenderRequest render;
-  auto* renderCommand =
-      app.add_subcommand("render", "write the samples a device operation hands the output");
-  renderCommand
-      ->add_option("OPERATION", render.operation,
-                   "doAquireDeviceState, doGetTankId, doEcho, doLightLed, doSprayWithLightLed or "
-                   "doSprayWithLightLedGetTankId")
+  app.add_subcommand("status",
+                     "the audio route, the device's presence and the volume; exit 3 when absent");
+  const auto named = [](const char* verb) {
+    CommandWords words;
+    words.verb = verb;
+    return words;
+  };
+  CommandWords flash = named("flash"), puff = named("puff"), spray = named("spray"),
+               state = named("state"), tank = named("tank"), echo = named("echo");
+  auto* flashCommand = app.add_subcommand("flash", "flash the LED: flash COLOUR");
+  flashCommand->add_option("COLOUR", flash.words, "R G B, #rrggbb, rrggbb or a CSS name")
       ->required();
-  renderCommand->add_option("ARGS", render.arguments, "the operation's arguments, in order");
-  renderCommand->add_option("--out", render.out, "the WAV file to write")->required();
+  addCommandOptions(flashCommand, flash, true);
+  auto* puffCommand = app.add_subcommand(
+      "puff", "puff a scent while flashing the LED, asking for the tank: puff COLOUR");
+  puffCommand->add_option("COLOUR", puff.words, "R G B, #rrggbb, rrggbb or a CSS name")->required();
+  addCommandOptions(puffCommand, puff, true);
+  puffCommand->add_flag("--no-tank", puff.noTank, "send the puff that does not ask for the tank");
+  auto* sprayCommand =
+      app.add_subcommand("spray", "spray without the LED for MS milliseconds: spray MS");
+  sprayCommand->add_option("MS", spray.words, "milliseconds, -32768 to 32767")->required();
+  app.add_subcommand("state", "ask for the accessory's state");
+  app.add_subcommand("tank",
+                     "send the tank identity query; no reply is heard, so the library's fixed "
+                     "identity is printed");
+  auto* echoCommand = app.add_subcommand(
+      "echo", "send N to echo; no reply is heard, so the library's fixed answer (0) is printed");
+  echoCommand->add_option("N", echo.words, "number, 0 to 4294967295")->required();
 
-  std::string decodePath;
-  auto* decode = app.add_subcommand("decode", "print every transmission in a WAV file");
-  decode->add_option("FILE", decodePath, "a WAV file")->required();
+  RenderRequest render;
+  auto* renderCommand = app.add_subcommand(
+      "render", "write the samples a command hands the output: render VERB ARGS... --out FILE");
+  renderCommand
+      ->add_option("COMMAND", render.words,
+                   "a verb and its words as above (flash orange), or a library "
+                   "operation and its numbers (doLightLed 255 0 128 1 500)")
+      ->required();
+  renderCommand->add_option("--out", render.out, "the WAV file to write, - for standard output")
+      ->required();
+  renderCommand->add_option("--special", render.special, "special-effect byte (flash, puff)");
+  renderCommand->add_option("--time", render.time, "milliseconds (flash, puff)");
+  renderCommand->add_flag("--no-tank", render.noTank, "the puff that does not ask for the tank");
 
-  tool::ListenRequest listen;
+  DecodeRequest decode;
+  auto* decodeCommand = app.add_subcommand(
+      "decode", "print every transmission in audio files (WAV, FLAC, Ogg, MP3...; - is stdin)");
+  decodeCommand->add_option("FILE", decode.files, "audio files, or - for standard input")
+      ->required();
+  decodeCommand->add_flag("--raw", decode.raw, "raw signed 16-bit little-endian PCM (as parec)");
+  decodeCommand->add_option("--rate", decode.rate, "sample rate of --raw input (default 44100)");
+  decodeCommand->add_option("--channels", decode.channels, "channels of --raw input (default 2)");
+
+  ListenRequest listen;
   auto* listenCommand =
       app.add_subcommand("listen", "be the accessory: decode what a sound source plays, live");
   listenCommand->add_option("--source", listen.source,
                             "PulseAudio source (default: the monitor of the default sink)");
-  listenCommand->add_option("--count", listen.count, "stop after this many transmissions")
-      ->check(CLI::NonNegativeNumber);
-  listenCommand->add_option("--seconds", listen.seconds, "stop after this many seconds")
-      ->check(CLI::NonNegativeNumber);
+  listenCommand->add_option("--count", listen.count,
+                            "stop after this many transmissions (default 0: no limit)");
+  listenCommand->add_option("--seconds", listen.seconds,
+                            "stop after this many seconds (default 0: no limit)");
+
+  std::string cues;
+  auto* playCommand = app.add_subcommand(
+      "play", "play a cue file: one \"SECONDS VERB ARGS...\" a line, each at its time");
+  playCommand->add_option("CUES", cues, "the cue file")->required();
+
+  std::string helpTopic;
+  auto* helpCommand = app.add_subcommand("help", "describe the tool, or one command");
+  helpCommand->add_option("COMMAND", helpTopic, "a command");
+
+  // An unknown command word: say which, and suggest the nearest.
+  bool jsonAsked = false;
+  for (int i = 1; i < argc; ++i) jsonAsked = jsonAsked || std::string(argv[i]) == "--json";
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word.starts_with("-")) {
+      if (word == "--device" || word == "--route") ++i;  // their values
+      continue;
+    }
+    if (std::find(kSubcommands.begin(), kSubcommands.end(), word) == kSubcommands.end()) {
+      if (!execute) return kUsage;
+      const std::string near = nearest(word, kSubcommands);
+      return fail(jsonAsked,
+                  "unknown command \"" + word + "\"" +
+                      (near.empty() ? "" : " (did you mean " + near + "?)"),
+                  kUsage);
+    }
+    break;
+  }
 
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return execute ? app.exit(e) : 0;
+  } catch (const CLI::CallForVersion& e) {
+    return execute ? app.exit(e) : 0;
   } catch (const CLI::ParseError& e) {
-    if (!execute) return e.get_exit_code() == 0 ? EXIT_SUCCESS : kUsage;
-    const int code = app.exit(e);
-    return code == 0 ? EXIT_SUCCESS : kUsage;
+    if (!execute) return kUsage;
+    return fail(globals.json, e.what(), kUsage);
   }
   if (!execute) return EXIT_SUCCESS;
+  globals.verbosity = quiet ? -1 : verbose;
 
   try {
-    if (*status) return tool::runStatus(globals);
-    if (*flash) return tool::runLed(globals, flashLed, false);
-    if (*puff) return tool::runLed(globals, puffLed, true);
-    if (*tank) return tool::runTank(globals);
-    if (*echo) return tool::runEcho(globals, static_cast<std::uint32_t>(echoNumber));
-    if (*renderCommand) return tool::runRender(globals, render);
-    if (*decode) return tool::runDecode(globals, decodePath);
-    if (*listenCommand) return tool::runListen(globals, listen);
-  } catch (const tool::UsageError& e) {
-    std::cerr << "nimbara: " << e.what() << " (see --help)\n";
-    return kUsage;
+    if (*helpCommand) {
+      if (helpTopic.empty()) {
+        std::cout << app.help();
+        return 0;
+      }
+      CLI::App* topic = nullptr;
+      try {
+        topic = app.get_subcommand(helpTopic);
+      } catch (const CLI::OptionNotFound&) {
+        const std::string near = nearest(helpTopic, kSubcommands);
+        throw UsageError("unknown command \"" + helpTopic + "\"" +
+                         (near.empty() ? "" : " (did you mean " + near + "?)"));
+      }
+      std::cout << topic->help();
+      return 0;
+    }
+    if (app.got_subcommand("status")) return runStatus(globals);
+    for (CommandWords* words : {&flash, &puff, &spray, &state, &tank, &echo}) {
+      if (app.got_subcommand(words->verb)) return runDevice(globals, *words);
+    }
+    if (*renderCommand) return runRender(globals, render);
+    if (*decodeCommand) return runDecode(globals, decode);
+    if (*listenCommand) return runListen(globals, listen);
+    if (*playCommand) return runPlay(globals, cues);
+  } catch (const UsageError& e) {
+    return fail(globals.json, e.what(), kUsage);
+  } catch (const NoDevice& e) {
+    return fail(globals.json, e.what(), kNoDevice);
   } catch (const std::exception& e) {
-    std::cerr << "nimbara: " << e.what() << "\n";
-    return EXIT_FAILURE;
+    return fail(globals.json, e.what(), EXIT_FAILURE);
   }
   return EXIT_FAILURE;
 }

@@ -9,6 +9,7 @@
 namespace tool {
 
 // Exit statuses besides 0 and 1 (a failure).
+constexpr int kUsage = 2;
 constexpr int kNoDevice = 3;
 
 // Wrong words on the command line: exit status 2.
@@ -16,38 +17,46 @@ struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// No device on the audio route: exit status 3.
+struct NoDevice : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 struct Globals {
   std::string device = "pulse";
   std::string route;
-  bool verbose = false;
+  int verbosity = 0;  // -1 quiet, 1 a trace of what was sent, 2 the library's log too
   bool json = false;
   bool skipPrecheck = false;
 };
 
-struct LedRequest {
-  int red = 0, green = 0, blue = 0;
-  int special = 0;
-  int time = 500;
-};
+struct CommandWords;
 
 struct RenderRequest {
-  std::string operation;
-  std::vector<std::string> arguments;
+  std::vector<std::string> words;  // the verb, then its words
+  std::string special, time;
+  bool noTank = false;
   std::string out;
+};
+
+struct DecodeRequest {
+  std::vector<std::string> files;
+  bool raw = false;
+  std::string rate = "44100";
+  std::string channels = "2";
 };
 
 struct ListenRequest {
   std::string source;
-  unsigned count = 0;
-  double seconds = 0;
+  std::string count = "0";
+  std::string seconds = "0";
 };
 
 int runStatus(const Globals& globals);
-int runLed(const Globals& globals, const LedRequest& led, bool puff);
-int runTank(const Globals& globals);
-int runEcho(const Globals& globals, std::uint32_t number);
+int runDevice(const Globals& globals, const CommandWords& words);
 int runRender(const Globals& globals, const RenderRequest& request);
-int runDecode(const Globals& globals, const std::string& path);
+int runDecode(const Globals& globals, const DecodeRequest& request);
 int runListen(const Globals& globals, const ListenRequest& request);
+int runPlay(const Globals& globals, const std::string& cuePath);
 
 }  // namespace tool

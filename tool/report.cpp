@@ -2,105 +2,146 @@
 
 #include <unistd.h>
 
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 
 namespace tool {
-
-std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
 namespace {
 
-bool hasLed(const nimbara::Transmission& t) {
-  return t.command == "flash" || t.command == "puff";
+bool hasLed(const std::string& verb) {
+  return verb == "flash" || verb == "puff";
 }
 
-std::string arguments(const nimbara::Transmission& t) {
-  char text[128] = "";
-  if (hasLed(t)) {
-    std::snprintf(text, sizeof text, "rgb(%d, %d, %d) special %d time %d ms", t.red, t.green,
-                  t.blue, t.special, t.time);
-  } else if (t.command == "spray") {
-    std::snprintf(text, sizeof text, "time %d ms", t.time);
-  } else if (t.command == "echo") {
-    std::snprintf(text, sizeof text, "number %u", t.number);
+std::string rgb(int red, int green, int blue) {
+  return "rgb(" + std::to_string(red) + ", " + std::to_string(green) + ", " + std::to_string(blue) +
+         ")";
+}
+
+std::string arguments(const std::string& verb, int red, int green, int blue, int special, int time,
+                      std::uint32_t number) {
+  if (hasLed(verb)) {
+    return " " + rgb(red, green, blue) + " special " + std::to_string(special) + " time " +
+           std::to_string(time) + " ms";
   }
-  return text;
+  if (verb == "spray") return " time " + std::to_string(time) + " ms";
+  if (verb == "echo") return " number " + std::to_string(number);
+  return "";
 }
 
 }  // namespace
 
-std::string describeTransmission(const nimbara::Transmission& t, bool json) {
-  char text[512];
-  if (json) {
-    std::snprintf(text, sizeof text,
-                  "{\"start\": %.4f, \"command\": %s, \"opcode\": %d, \"damaged\": %s, "
-                  "\"parity\": [%s, %s], \"repetitionsAgree\": %s, \"red\": %d, \"green\": %d, "
-                  "\"blue\": %d, \"special\": %d, \"time\": %d, \"number\": %u}",
-                  t.startSeconds, jsonString(t.damaged ? "damaged" : t.command).c_str(), t.opcode,
-                  t.damaged ? "true" : "false", t.parityOk[0] ? "true" : "false",
-                  t.parityOk[1] ? "true" : "false", t.repetitionsAgree ? "true" : "false", t.red,
-                  t.green, t.blue, t.special, t.time, t.number);
-  } else if (t.damaged) {
-    std::snprintf(text, sizeof text, "%8.3f s  damaged (parity %s/%s, repetitions %s, %s)",
-                  t.startSeconds, t.parityOk[0] ? "ok" : "bad", t.parityOk[1] ? "ok" : "bad",
-                  t.repetitionsAgree ? "agree" : "disagree", t.command.c_str());
-  } else {
-    std::snprintf(text, sizeof text, "%8.3f s  %s %s", t.startSeconds, t.command.c_str(),
-                  arguments(t).c_str());
+Json commandJson(const nimbara::Command& c) {
+  Json json{{"command", c.verb}};
+  if (hasLed(c.verb)) {
+    json["red"] = c.red;
+    json["green"] = c.green;
+    json["blue"] = c.blue;
+    json["special"] = c.special;
   }
+  if (hasLed(c.verb) || c.verb == "spray") json["time"] = c.time;
+  if (c.verb == "echo") json["number"] = c.number;
+  if (c.verb == "puff") json["asks_tank"] = c.asksTank;
+  if (c.verb == "puff" || c.verb == "spray") json["sprays"] = nimbara::sprayMilliseconds(c);
+  json["operation"] = nimbara::operationName(c);
+  return json;
+}
+
+std::string describeCommand(const nimbara::Command& c) {
+  std::string text =
+      c.verb + arguments(c.verb, c.red, c.green, c.blue, c.special, c.time, c.number);
+  if (c.verb == "puff" && nimbara::sprayMilliseconds(c) != c.time) {
+    text += " (sent as " + std::to_string(nimbara::sentTime(c)) + " ms: the accessory sprays " +
+            std::to_string(nimbara::sprayMilliseconds(c)) + " ms, a puff lasts 100 to 1000 ms)";
+  }
+  if (c.verb == "puff" && !c.asksTank) text += " without asking for the tank";
   return text;
+}
+
+Json transmissionJson(const nimbara::Transmission& t, const std::string& file) {
+  Json json{{"command", t.command}, {"opcode", t.opcode}};
+  if (!file.empty()) json["file"] = file;
+  json["start"] = std::round(t.startSeconds * 10000) / 10000;
+  json["damaged"] = t.damaged;
+  if (hasLed(t.command)) {
+    json["red"] = t.red;
+    json["green"] = t.green;
+    json["blue"] = t.blue;
+    json["special"] = t.special;
+  }
+  if (hasLed(t.command) || t.command == "spray") json["time"] = t.time;
+  if (t.command == "echo") json["number"] = t.number;
+  if (t.command == "puff") json["asks_tank"] = t.asksTank;
+  json["confidence"] = t.confidence;
+  json["snr_db"] = t.snrDb;
+  return json;
+}
+
+std::string describeTransmission(const nimbara::Transmission& t) {
+  char start[32];
+  std::snprintf(start, sizeof start, "%8.3f s  ", t.startSeconds);
+  if (t.damaged) {
+    return std::string(start) + "damaged (parity " + (t.parityOk[0] ? "ok" : "bad") + "/" +
+           (t.parityOk[1] ? "ok" : "bad") + ", repetitions " +
+           (t.repetitionsAgree ? "agree" : "disagree") + ", " + t.command + ")";
+  }
+  return start + t.command +
+         arguments(t.command, t.red, t.green, t.blue, t.special, t.time, t.number) +
+         (t.command == "puff" && !t.asksTank ? " without asking for the tank" : "");
+}
+
+Json tankJson(const nimbara::TankId& tank) {
+  return Json{
+      {"year", tank.year()},         {"month", tank.month()},        {"day", tank.day()},
+      {"scent_id", tank.scentId()},  {"serial_id", tank.serialId()}, {"reserve1", tank.reserve1()},
+      {"reserve2", tank.reserve2()}, {"base64", tank.encodeBase64()}};
 }
 
 std::string accessoryAction(const nimbara::Transmission& t, bool colour) {
   if (t.damaged) return "ignores a damaged transmission";
-  char text[256];
   std::string block;
-  if (hasLed(t) && colour) {
+  if (hasLed(t.command) && colour) {
     char escape[48];
     std::snprintf(escape, sizeof escape, "\x1b[48;2;%d;%d;%dm      \x1b[0m ", t.red, t.green,
                   t.blue);
     block = escape;
   }
-  if (t.command == "flash") {
-    std::snprintf(text, sizeof text, "LED %srgb(%d, %d, %d) special %d for %d ms", block.c_str(),
-                  t.red, t.green, t.blue, t.special, t.time);
-  } else if (t.command == "puff") {
-    std::snprintf(text, sizeof text, "sprays for %d ms, LED %srgb(%d, %d, %d) special %d%s", t.time,
-                  block.c_str(), t.red, t.green, t.blue, t.special,
-                  t.asksTank ? ", and is asked for its tank identity" : "");
-  } else if (t.command == "spray") {
-    std::snprintf(text, sizeof text, "sprays for %d ms", t.time);
-  } else if (t.command == "echo") {
-    std::snprintf(text, sizeof text, "is asked to echo %u", t.number);
-  } else if (t.command == "tank") {
-    std::snprintf(text, sizeof text, "is asked for its tank identity");
-  } else {
-    std::snprintf(text, sizeof text, "is asked for its state");
+  const std::string led =
+      "LED " + block + rgb(t.red, t.green, t.blue) + " special " + std::to_string(t.special);
+  if (t.command == "flash") return led + " for " + std::to_string(t.time) + " ms";
+  if (t.command == "puff") {
+    return "sprays for " + std::to_string(t.time) + " ms, " + led +
+           (t.asksTank ? ", and is asked for its tank identity" : "");
   }
-  return text;
+  if (t.command == "spray") return "sprays for " + std::to_string(t.time) + " ms";
+  if (t.command == "echo") return "is asked to echo " + std::to_string(t.number);
+  if (t.command == "tank") return "is asked for its tank identity";
+  return "is asked for its state";
 }
 
 bool terminalShowsTrueColour() {
+  const char* noColour = std::getenv("NO_COLOR");
+  if (noColour != nullptr && noColour[0] != '\0') return false;
   const char* colourTerm = std::getenv("COLORTERM");
   return isatty(STDOUT_FILENO) && colourTerm != nullptr &&
          (std::strcmp(colourTerm, "truecolor") == 0 || std::strcmp(colourTerm, "24bit") == 0);
+}
+
+void say(const Globals& globals, const std::string& text) {
+  if (globals.verbosity >= 0) std::cout << text << std::flush;
+}
+
+void trace(const Globals& globals, const std::string& text) {
+  if (globals.verbosity < 1) return;
+  using Clock = std::chrono::steady_clock;
+  static const Clock::time_point started = Clock::now();
+  char when[32];
+  std::snprintf(when, sizeof when, "%7.3f s  ",
+                std::chrono::duration<double>(Clock::now() - started).count());
+  std::cerr << "nimbara: " << when << text << std::endl;
 }
 
 }  // namespace tool

@@ -1,11 +1,9 @@
-// The receiver works in three steps. Sample by sample it removes any DC
-// offset, smooths the signal over half a short half-period (which keeps the
-// edges and lowers broadband noise), and follows its envelope against the
-// noise floor to cut the stream into bursts. Each finished burst is decoded
-// on its own: zero crossings with hysteresis give half-periods, the longest
-// run of plausible ones is the payload, and pairs of halves are bits (a short
-// period is a 0, a long one a 1). Two payload bursts one silence apart make a
-// transmission.
+// The receiver works in three steps. On every sample, only a cheap energy
+// measure runs (ActivityGate) while the samples go into a bounded ring. When a
+// stretch of activity ends, that stretch alone is band-passed, its channels
+// are combined without letting opposite polarities cancel, and each payload
+// in it is decoded (PayloadDecoder). Payloads one silence apart with the same
+// bits make a transmission; weaker copies that follow closely are echoes.
 #include <nimbara/receiver/receiver.h>
 
 #include <algorithm>
@@ -13,72 +11,267 @@
 #include <stdexcept>
 #include <utility>
 
-#include "receiver/bursts.h"
+#include "receiver/activity.h"
+#include "receiver/band_pass.h"
+#include "receiver/payload_decoder.h"
+#include "receiver/transmission.h"
 
 namespace nimbara {
+namespace {
+
+constexpr double kReferenceRate = 44100.0;
+constexpr double kShortestPayload = 17 * 20 * 0.8;  // samples at 44100 Hz, with slack
+constexpr double kLongestPayload = 57 * 40;
+constexpr double kStopAndSilence = 5 + 441;
+constexpr double kEchoHoldOffSeconds = 0.15;
+// An unpaired repetition is reported (as damaged) only if it looks like a
+// payload at all: noise, speech and music rarely reach this margin and stand
+// this far above the quiet before them.
+constexpr double kReportableMargin = 0.1;
+constexpr double kReportableSnrDb = 3;
+constexpr double kBeforeRun = 0.006, kAfterRun = 0.002;  // seconds of context
+
+}  // namespace
 
 struct Receiver::State {
-  State(double rate, int channelCount) : channels(channelCount), bursts(rate) {}
+  State(double rate, int channelCount)
+      : rate(rate),
+        scale(rate / kReferenceRate),
+        channels(channelCount),
+        gate(rate, channelCount),
+        bandPass(rate),
+        decoder(rate),
+        block(gate.blockLength()),
+        capacity(block * ((gate.longestRun() + static_cast<std::size_t>(0.05 * rate)) / block + 2)),
+        ring(channelCount, std::vector<float>(capacity, 0.0f)),
+        pointers(channelCount) {}
 
-  // Mono samples, a block at a time.
-  void pushMono(const float* samples, std::size_t count) {
-    bursts.push(samples, count, ended);
-    for (const receiver::Burst& burst : ended) onBurst(burst);
-    ended.clear();
-  }
-
-  // Interleaved frames of any sample type, mixed to mono in blocks.
   template <typename Sample>
-  void pushFrames(const Sample* samples, std::size_t frames, float scale) {
-    float mono[512];
-    const float gain = scale / channels;
+  void pushFrames(const Sample* samples, std::size_t frames, float gain) {
     while (frames > 0) {
-      const std::size_t n = std::min<std::size_t>(frames, 512);
-      for (std::size_t f = 0; f < n; ++f) {
-        float sum = 0;
-        for (int c = 0; c < channels; ++c) sum += samples[f * channels + c];
-        mono[f] = sum * gain;
+      const std::size_t n = std::min(frames, block - fill);
+      const std::size_t at = written % capacity;
+      if (channels == 2) {
+        float* left = ring[0].data() + at;
+        float* right = ring[1].data() + at;
+        for (std::size_t f = 0; f < n; ++f) {
+          left[f] = static_cast<float>(samples[2 * f]) * gain;
+          right[f] = static_cast<float>(samples[2 * f + 1]) * gain;
+        }
+      } else {
+        for (int c = 0; c < channels; ++c) {
+          float* out = ring[c].data() + at;
+          for (std::size_t f = 0; f < n; ++f) {
+            out[f] = static_cast<float>(samples[f * channels + c]) * gain;
+          }
+        }
       }
-      pushMono(mono, n);
+      written += n;
+      fill += n;
       samples += n * channels;
       frames -= n;
+      if (fill == block) gateBlock();
     }
-    checkTimeout();
+    expirePayloads(false);
   }
 
-  void onBurst(const receiver::Burst& burst) {
-    if (!burst.payload) return;  // a wake-up level or noise
-    if (pending && receiver::followsAfterSilence(*pending, burst)) {
-      emit(receiver::assemble(*pending, &burst));
-      pending.reset();
+  // Blocks never straddle the ring's end: its capacity is a whole number of them.
+  void gateBlock() {
+    const std::size_t at = (written - fill) % capacity;
+    for (int c = 0; c < channels; ++c) pointers[c] = ring[c].data() + at;
+    receiver::ActivityRun run;
+    const std::size_t count = fill;
+    fill = 0;
+    if (gate.pushBlock(pointers.data(), count, &run)) onRun(run);
+  }
+
+  void finish() {
+    if (fill > 0) gateBlock();
+    receiver::ActivityRun run;
+    if (gate.finish(&run)) onRun(run);
+    expirePayloads(true);
+  }
+
+  // The band-passed channels of [from, to), combined: the strongest one, plus
+  // every other of comparable strength with the sign that adds rather than
+  // cancels.
+  std::vector<float> combinedBand(std::uint64_t from, std::uint64_t to) {
+    const std::size_t length = to - from;
+    std::vector<std::vector<float>> band(channels, std::vector<float>(length));
+    std::vector<double> energy(channels, 0.0);
+    std::vector<bool> repeats(channels, false);
+    for (int c = 0; c < channels; ++c) {
+      for (std::size_t i = 0; i < length; ++i) band[c][i] = ring[c][(from + i) % capacity];
+      // A channel that repeats the first (as the accessory's output does)
+      // adds nothing: it is left out, with no energy.
+      repeats[c] = c > 0 && band[c] == band[0];
+    }
+    for (int c = 0; c < channels; ++c) {
+      if (repeats[c]) continue;
+      bandPass.apply(band[c]);
+      for (float x : band[c]) energy[c] += static_cast<double>(x) * x;
+    }
+    const int strongest =
+        static_cast<int>(std::max_element(energy.begin(), energy.end()) - energy.begin());
+    std::vector<float> sum = band[strongest];
+    for (int c = 0; c < channels; ++c) {
+      if (c == strongest || energy[c] < 0.25 * energy[strongest]) continue;
+      double dot = 0;
+      for (std::size_t i = 0; i < length; ++i) dot += static_cast<double>(band[c][i]) * sum[i];
+      const float sign = dot >= 0 ? 1.0f : -1.0f;
+      for (std::size_t i = 0; i < length; ++i) sum[i] += sign * band[c][i];
+    }
+    return sum;
+  }
+
+  void onRun(const receiver::ActivityRun& run) {
+    const double shortest = kShortestPayload * scale;
+    if (static_cast<double>(run.end - run.start) < shortest) return;  // a wake-up level, a click
+    const std::uint64_t oldest = written > capacity ? written - capacity : 0;
+    const std::uint64_t from = std::max<std::uint64_t>(
+        oldest, run.start - std::min<std::uint64_t>(run.start, std::llround(kBeforeRun * rate)));
+    const std::uint64_t to =
+        std::min<std::uint64_t>(written, run.end + std::llround(kAfterRun * rate));
+    const std::vector<float> signal = combinedBand(from, to);
+
+    // Split the run at deep dips: under reverberation the silence between the
+    // repetitions no longer ends a run.
+    std::vector<float> sorted = run.blockEnergy;
+    std::nth_element(sorted.begin(), sorted.begin() + sorted.size() * 9 / 10, sorted.end());
+    const float typical = sorted[sorted.size() * 9 / 10];
+    const auto blockStart = [&](std::size_t j) { return run.start + j * block; };
+    std::size_t j = 0;
+    const std::size_t blocks = run.blockEnergy.size();
+    while (j < blocks) {
+      while (j < blocks && run.blockEnergy[j] < 0.15f * typical) ++j;
+      if (j == blocks) break;
+      const std::size_t first = j;
+      std::size_t last = j;
+      while (j < blocks && (run.blockEnergy[j] >= 0.15f * typical ||
+                            (j + 1 < blocks && run.blockEnergy[j + 1] >= 0.15f * typical))) {
+        if (run.blockEnergy[j] >= 0.15f * typical) last = j;
+        ++j;
+      }
+      const double segmentEnd = static_cast<double>(std::min(run.end, blockStart(last + 1)));
+      decodeSegment(signal, from, static_cast<double>(blockStart(first)), segmentEnd, run, typical);
+    }
+  }
+
+  // Decodes payload after payload in one segment of a run.
+  void decodeSegment(const std::vector<float>& signal, std::uint64_t origin, double onset,
+                     double end, const receiver::ActivityRun& run, float typical) {
+    const double shortest = kShortestPayload * scale;
+    while (end - onset >= shortest) {
+      const auto a = static_cast<std::size_t>(onset - static_cast<double>(origin));
+      const auto b =
+          std::min(signal.size(), static_cast<std::size_t>(end - static_cast<double>(origin)));
+      if (b <= a) return;
+      double level = 0;
+      for (std::size_t i = a; i < b; ++i) level += std::fabs(signal[i]);
+      level /= static_cast<double>(b - a);
+      auto payload = decoder.decode(signal, origin, onset, end, level);
+      if (!payload) return;
+      const double payloadEnd = payload->end;
+      onPayload(std::move(*payload));
+      // Whatever follows within the segment: the next activity after a pause.
+      const double from = payloadEnd + 300 * scale;
+      double next = -1;
+      for (std::size_t k = 0; k < run.blockEnergy.size(); ++k) {
+        const double start = static_cast<double>(run.start + k * block);
+        if (start >= from && start < end && run.blockEnergy[k] >= 0.3f * typical) {
+          next = start;
+          break;
+        }
+      }
+      if (next < 0) return;
+      onset = next;
+    }
+  }
+
+  // The readings of two repetitions to report: the pair
+  // that agrees with good parity if there is one, else the best fitting.
+  static std::pair<const receiver::Payload*, const receiver::Payload*> choose(
+      const receiver::Payload& first, const receiver::Payload& second) {
+    const receiver::Payload* firsts[] = {&first, first.inverted.get()};
+    const receiver::Payload* seconds[] = {&second, second.inverted.get()};
+    std::pair<const receiver::Payload*, const receiver::Payload*> best{&first, &second};
+    double bestRank = -1e300;
+    for (const receiver::Payload* a : firsts) {
+      for (const receiver::Payload* b : seconds) {
+        if (a == nullptr || b == nullptr) continue;
+        const bool agree = a->bits == b->bits && receiver::evenParity(a->bits);
+        const double rank = (agree ? 1e200 : 0) + a->fit + b->fit;
+        if (rank > bestRank) bestRank = rank, best = {a, b};
+      }
+    }
+    return best;
+  }
+
+  void onPayload(receiver::Payload payload) {
+    for (auto it = recent.begin(); it != recent.end(); ++it) {
+      if (!receiver::followsAfterSilence(*it, payload, rate)) continue;
+      const auto [a, b] = choose(*it, payload);
+      if (a->bits != b->bits && std::next(it) != recent.end()) continue;  // a nearer one may agree
+      const receiver::Payload first = *a, second = *b;
+      const double start = it->start;
+      recent.erase(it);
+      // Unpaired payloads that began before this transmission come first.
+      while (!recent.empty() && recent.front().start < start) {
+        reportUnpaired(recent.front());
+        recent.erase(recent.begin());
+      }
+      emit(receiver::assemble(first, &second, rate), first.start, second.end,
+           std::max(first.amplitude, second.amplitude));
       return;
     }
-    flushPending();
-    pending = burst;
+    recent.push_back(std::move(payload));
   }
 
-  // A first repetition that no second one followed in time.
-  void flushPending() {
-    if (!pending) return;
-    emit(receiver::assemble(*pending, nullptr));
-    pending.reset();
-  }
-
-  void checkTimeout() {
-    if (pending && bursts.samplesSince(pending->endSample) > bursts.secondRepetitionWindow()) {
-      flushPending();
+  // A payload that no second repetition followed in time.
+  void expirePayloads(bool all) {
+    const double window = (kStopAndSilence * 1.15 + kLongestPayload + 200) * scale +
+                          static_cast<double>(4 * block) + kAfterRun * rate;
+    while (!recent.empty() && (all || static_cast<double>(written) - recent.front().end > window)) {
+      reportUnpaired(recent.front());
+      recent.erase(recent.begin());
     }
   }
 
-  void emit(Transmission transmission) {
+  void reportUnpaired(const receiver::Payload& payload) {
+    if (payload.confidence < kReportableMargin || payload.snrDb < kReportableSnrDb) return;
+    emit(receiver::assemble(payload, nullptr, rate), payload.start, payload.end, payload.amplitude);
+  }
+
+  void emit(Transmission transmission, double start, double end, double amplitude) {
+    // An echo: a copy no stronger than a transmission just reported, or a
+    // much weaker damaged stretch, close behind or inside it.
+    if (last && start >= last->start && start - last->end < kEchoHoldOffSeconds * rate) {
+      const bool copy = transmission.bits[0] == last->bits && amplitude <= 1.1 * last->amplitude;
+      const bool weakDebris = transmission.damaged && amplitude < 0.7 * last->amplitude;
+      if (copy || weakDebris) return;
+    }
+    if (!transmission.damaged) last = Reported{transmission.bits[0], start, end, amplitude};
     if (callback) callback(transmission);
     decoded.push_back(std::move(transmission));
   }
 
+  struct Reported {
+    std::string bits;
+    double start, end, amplitude;
+  };
+
+  const double rate, scale;
   const int channels;
-  receiver::BurstDetector bursts;
-  std::optional<receiver::Burst> pending;
-  std::vector<receiver::Burst> ended;
+  receiver::ActivityGate gate;
+  receiver::BandPass bandPass;
+  receiver::PayloadDecoder decoder;
+  const std::size_t block, capacity;
+  std::vector<std::vector<float>> ring;
+  std::vector<const float*> pointers;
+  std::uint64_t written = 0;
+  std::size_t fill = 0;  // samples of the block being filled
+  std::vector<receiver::Payload> recent;
+  std::optional<Reported> last;
   std::vector<Transmission> decoded;
   std::function<void(const Transmission&)> callback;
 };
@@ -102,8 +295,7 @@ void Receiver::push(const float* samples, std::size_t frames) {
 }
 
 void Receiver::finish() {
-  if (auto burst = state_->bursts.finish()) state_->onBurst(*burst);
-  state_->flushPending();
+  state_->finish();
 }
 
 std::vector<Transmission> Receiver::take() {

@@ -2,9 +2,9 @@
 
 #include "receiver/wav_parse.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 namespace nimbara {
 namespace {
@@ -28,10 +28,15 @@ bool fail(std::string* error, const std::string& why) {
 }  // namespace
 
 bool readWavFile(const std::string& path, WavAudio* audio, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) return fail(error, "cannot read " + path);
-  const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
-                                         std::istreambuf_iterator<char>());
+  // In one read: a recording of minutes is hundreds of megabytes.
+  std::vector<unsigned char> bytes(
+      static_cast<std::size_t>(std::max<std::streamoff>(0, in.tellg())));
+  in.seekg(0);
+  if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()))) {
+    return fail(error, "cannot read " + path);
+  }
   return receiver::parseWav(bytes, path, audio, error);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "signal/fixed_units.h"
 #include "signal/render_buffer.h"
@@ -55,6 +56,68 @@ std::int16_t firstFrameOf(const ProtocolUnit& unit, const WaveTable* zero, const
   return wave != nullptr ? wave->samples[0] : 0;
 }
 
+// A waveform as runs of one value: a square period is two runs, so a bit is
+// written as two fills instead of a lookup per frame. Made from the tables
+// themselves at every call, so the output follows whatever they hold.
+struct Runs {
+  static constexpr std::uint32_t kMost = 8;
+  std::uint32_t count = 0;   // 0: no table, or too many runs to bother
+  std::uint32_t end[kMost];  // the index after each run
+  std::int16_t value[kMost];
+
+  explicit Runs(const WaveTable* wave) {
+    if (wave == nullptr) return;
+    for (std::uint32_t k = 0; k < wave->length; ++k) {
+      if (k == 0 || wave->samples[k] != wave->samples[k - 1]) {
+        if (count == kMost) {
+          count = 0;
+          return;
+        }
+        value[count++] = wave->samples[k];
+      }
+      end[count - 1] = k + 1;
+    }
+  }
+};
+
+// How many of the `n` bytes from p equal the first, eight at a time.
+std::uint32_t sameBytes(const std::uint8_t* p, std::uint32_t n) {
+  const std::uint64_t eight = p[0] * 0x0101010101010101ull;
+  std::uint32_t k = 0;
+  for (; k + 8 <= n; k += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, p + k, sizeof word);
+    if (word != eight) break;
+  }
+  while (k < n && p[k] == p[0]) ++k;
+  return k;
+}
+
+// `n` frames of one value, eight or two frames to a store: half-periods are
+// short, so a plain loop beats a call to a general fill.
+void fillFrames(std::int16_t* out, std::uint32_t n, std::int16_t value) {
+  const std::uint64_t pair = static_cast<std::uint16_t>(value) * 0x0001000100010001ull;
+  const std::uint64_t block[4] = {pair, pair, pair, pair};  // eight frames
+  std::uint32_t k = 0;
+  for (; k + 8 <= n; k += 8) std::memcpy(out + 2 * k, block, sizeof block);
+  for (; k + 2 <= n; k += 2) std::memcpy(out + 2 * k, &pair, sizeof pair);
+  if (k < n) std::memcpy(out + 2 * k, &pair, 4);
+}
+
+// Writes frames [sampleIndex, sampleIndex + n) of a waveform, run by run.
+void writeRuns(std::int16_t* out, const Runs& runs, std::uint32_t sampleIndex, std::uint32_t n) {
+  std::uint32_t run = 0;
+  while (runs.end[run] <= sampleIndex) ++run;
+  while (n > 0) {
+    const std::uint32_t length = std::min(runs.end[run] - sampleIndex, n);
+    fillFrames(out, length, runs.value[run]);
+    out += 2 * length;
+    sampleIndex += length;
+    n -= length;
+    ++run;
+  }
+}
+
 // Moves the cursor to the next node once the current unit is complete.
 void leaveNode(FrameNode*& node) {
   node->bitIndex = 0;
@@ -73,6 +136,8 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
   takeWaves(context);
   const WaveTable* zero = context->engineWaves[0];
   const WaveTable* one = context->engineWaves[1];
+  // Made once a bit is met: most buffers of a playback are silence.
+  std::optional<Runs> zeroRuns, oneRuns;
   std::uint32_t i = 0;
   while (i < count && node != nullptr) {
     const ProtocolUnit* unit = node->protocol;
@@ -97,8 +162,12 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
       const std::uint32_t n = std::min(length - node->bitIndex, count - i);
       const std::uint8_t* element = unit->data + node->bitIndex;
       std::int16_t* frames = out + 2 * i;
-      for (std::uint32_t k = 0; k < n; ++k) {
-        writeFrame(frames, k, element[k] == 1 ? kHigh : static_cast<std::int16_t>(element[k]));
+      // Runs of equal elements (the wake-up level, the silences) as fills.
+      for (std::uint32_t k = 0; k < n;) {
+        const std::uint32_t end = k + sameBytes(element + k, n - k);
+        fillFrames(frames + 2 * k, end - k,
+                   element[k] == 1 ? kHigh : static_cast<std::int16_t>(element[k]));
+        k = end;
       }
       i += n;
       node->bitIndex += n;
@@ -108,13 +177,21 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
       std::uint32_t bit = node->bitIndex;
       std::uint32_t sampleIndex = node->sampleIndex;
       while (bit < length && i < count) {
-        const WaveTable* wave = unit->data[bit] != 0 ? one : zero;
+        const bool isOne = unit->data[bit] != 0;
+        const WaveTable* wave = isOne ? one : zero;
+        std::optional<Runs>& lazy = isOne ? oneRuns : zeroRuns;
+        if (!lazy) lazy.emplace(wave);
+        const Runs& runs = *lazy;
         const std::uint32_t waveLength = wave != nullptr ? wave->length : 0;
         if (sampleIndex < waveLength) {
           const std::uint32_t n = std::min(waveLength - sampleIndex, count - i);
-          const std::int16_t* sample = wave->samples + sampleIndex;
           std::int16_t* frames = out + 2 * i;
-          for (std::uint32_t k = 0; k < n; ++k) writeFrame(frames, k, sample[k]);
+          if (runs.count > 0) {
+            writeRuns(frames, runs, sampleIndex, n);
+          } else {
+            const std::int16_t* sample = wave->samples + sampleIndex;
+            for (std::uint32_t k = 0; k < n; ++k) writeFrame(frames, k, sample[k]);
+          }
           i += n;
           sampleIndex += n;
         }

@@ -1,9 +1,14 @@
 /* The receiver: turns the accessory's audio back into commands. It finds the
- * two payload bursts of each transmission, measures every bit's period (a
- * 0-bit is one square period of 20 samples at 44100 Hz, a 1-bit one of 40),
- * checks each repetition's even parity and that both repetitions agree, and
- * decodes the command's arguments. It copes with gain, inverted polarity, a DC
- * offset, resampling, band limits, clock error and noise. */
+ * two payloads of each transmission by their energy, band-passes them, reads
+ * each as the sequence of 0-bits (one square period of 20 samples at 44100 Hz)
+ * and 1-bits (40 samples) of a valid length that correlates best, checks each
+ * repetition's even parity, that both repetitions agree and that every bit won
+ * by a clear margin, and decodes the command's arguments. It copes with gain,
+ * either polarity, offsets and hum, resampling down to 8000 Hz, band limits,
+ * lossy codecs, rooms and echoes, clock error, noise and interference; weaker
+ * copies close behind a transmission are taken for echoes. Memory is bounded
+ * and a transmission is reported a few milliseconds after it ends. Plain C++,
+ * single-threaded. */
 #ifndef NIMBARA_RECEIVER_RECEIVER_H
 #define NIMBARA_RECEIVER_RECEIVER_H
 
@@ -45,10 +50,13 @@ struct Transmission {
   bool damaged = true;
   /** The bits of each repetition: command, parameter and parity. */
   std::string bits[2];
-  /** How sure the receiver is, from 0 to 1: the weakest bit's margin between
-   * its two waveforms. */
+  /** How sure the receiver is, from 0 to 1: the weakest bit's margin (how
+   * much worse the best reading with that bit flipped, or with the start one
+   * bit off, fits), in units of a clean 0-bit; below 0.25 the transmission is
+   * damaged. The smaller of the two repetitions'. */
   double confidence = 0;
-  /** The signal-to-noise ratio the receiver estimated, in dB. */
+  /** The signal-to-noise ratio the receiver estimated in its band (about
+   * 700 to 7500 Hz), in dB: the payloads against the silence before them. */
   double snrDb = 0;
 };
 
@@ -56,7 +64,8 @@ struct Transmission {
 class NIMBARA_API Receiver {
  public:
   /** sampleRate from 8000 to 192000 Hz, one or more interleaved channels
-   * (mixed to one). Throws std::invalid_argument outside that. */
+   * (combined so that channels of opposite polarity add instead of
+   * cancelling). Throws std::invalid_argument outside that. */
   Receiver(double sampleRate, int channels);
   ~Receiver();
   Receiver(const Receiver&) = delete;

@@ -1,0 +1,115 @@
+#include "receiver/activity.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace nimbara::receiver {
+namespace {
+
+constexpr double kReferenceRate = 44100.0;
+// A pair of blocks counts as active this far above the noise floor (the
+// floor is a minimum, about three quarters of the mean noise). The comb below
+// doubles white noise but quadruples a 0-bit, so at 3 dB SNR the signal still
+// stands clear of it.
+constexpr double kAboveFloor = 2.5;
+constexpr double kSilence = 1e-7;  // about -70 dBFS of comb energy
+constexpr int kHangoverBlocks = 2;
+constexpr int kWarmUpBlocks = 8;
+constexpr double kFloorDoublingSeconds = 0.25;
+
+}  // namespace
+
+ActivityGate::ActivityGate(double sampleRate, int channels)
+    : channels_(channels),
+      blockLength_(std::max<std::size_t>(8, std::lround(sampleRate / 1000))),
+      lag_(std::max<std::size_t>(1, std::lround(10 * sampleRate / kReferenceRate))),
+      longestRun_(static_cast<std::uint64_t>(0.35 * sampleRate)),
+      history_(channels, std::vector<float>(lag_, 0.0f)),
+      sampleRise_(std::exp2(1 / (kFloorDoublingSeconds * sampleRate))),
+      blockRise_(std::pow(sampleRise_, static_cast<double>(blockLength_))) {}
+
+// The energy of x[n] - x[n - lag]: a comb whose first peak sits on the 0-bit's
+// fundamental, whose zero at DC removes offsets, hum and most of the rumble,
+// and which vectorises.
+bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, ActivityRun* ended) {
+  double energy = 0;
+  for (int c = 0; c < channels_; ++c) {
+    const float* x = channels[c];
+    std::vector<float>& past = history_[c];
+    float sum = 0;
+    const std::size_t head = std::min(lag_, count);
+    for (std::size_t n = 0; n < head; ++n) {
+      const float d = x[n] - past[n];
+      sum += d * d;
+    }
+    // Eight independent sums, so that the loop vectorises without
+    // reassociating floating-point additions.
+    float lanes[8] = {};
+    std::size_t n = lag_;
+    for (; n + 8 <= count; n += 8) {
+      for (std::size_t l = 0; l < 8; ++l) {
+        const float d = x[n + l] - x[n + l - lag_];
+        lanes[l] += d * d;
+      }
+    }
+    for (; n < count; ++n) {
+      const float d = x[n] - x[n - lag_];
+      lanes[0] += d * d;
+    }
+    for (float lane : lanes) sum += lane;
+    // Keep the last `lag_` samples for the next block.
+    if (count >= lag_) {
+      std::copy(x + count - lag_, x + count, past.begin());
+    } else {
+      std::rotate(past.begin(), past.begin() + count, past.end());
+      std::copy(x, x + count, past.end() - count);
+    }
+    energy += sum;
+  }
+  energy /= static_cast<double>(count);
+
+  smoothed_ = floor_ < 0 ? energy : 0.75 * smoothed_ + 0.25 * energy;
+  const double rise = count == blockLength_ ? blockRise_ : std::pow(sampleRise_, count);
+  floor_ = floor_ < 0 ? smoothed_ : std::min(smoothed_, floor_ * rise);
+  // The floor needs a few blocks before it means anything.
+  const bool active =
+      ++blocksSeen_ > kWarmUpBlocks && energy > std::max(kAboveFloor * floor_, kSilence);
+
+  const std::uint64_t blockStart = position_;
+  position_ += count;
+  bool closed = false;
+  if (active) {
+    if (!active_) {
+      run_.start = blockStart;
+      run_.blockEnergy.clear();
+      active_ = true;
+    }
+    // Quiet blocks inside a run are kept: they mark its dips.
+    while (quietBlocks_ > 0) {
+      run_.blockEnergy.push_back(0.0f);
+      --quietBlocks_;
+    }
+    run_.blockEnergy.push_back(static_cast<float>(energy));
+    run_.end = position_;
+    if (run_.end - run_.start >= longestRun_) closed = closeRun(ended);
+  } else if (active_ && ++quietBlocks_ > kHangoverBlocks) {
+    closed = closeRun(ended);
+  }
+  previous_ = energy;
+  previousCount_ = count;
+  return closed;
+}
+
+bool ActivityGate::finish(ActivityRun* ended) {
+  return active_ && closeRun(ended);
+}
+
+bool ActivityGate::closeRun(ActivityRun* ended) {
+  active_ = false;
+  quietBlocks_ = 0;
+  *ended = std::move(run_);
+  run_ = {};
+  return true;
+}
+
+}  // namespace nimbara::receiver

@@ -1,0 +1,94 @@
+// Decodes one payload (a command, its parameter and the parity bit) from a
+// band-passed stretch of signal. Every bit is scored by correlating the signal
+// with both bit waveforms, and a search over bit sequences finds the sequence
+// of a valid payload length that explains the stretch best, re-timing each
+// bit by a fraction of a sample so that clock error and speed changes are
+// followed. Each bit's margin is how much worse the best sequence with that
+// bit flipped fits.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace nimbara::receiver {
+
+struct Payload {
+  std::string bits;
+  double start = 0;       // stream sample where the first bit begins
+  double end = 0;         // stream sample where the last bit ends
+  double confidence = 0;  // the weakest bit's margin, 0..1
+  double amplitude = 0;   // the signal's correlation per sample
+  double snrDb = 0;
+  double fit = 0;  // the sequence's score: which of several readings is best
+  int polarity = 1;
+  // The best reading with the other polarity, if any.
+  std::shared_ptr<Payload> inverted;
+};
+
+class PayloadDecoder {
+ public:
+  explicit PayloadDecoder(double sampleRate);
+
+  // `signal` holds band-passed samples from stream sample `origin` on. The
+  // payload is looked for from about `onset` (where activity began) and must
+  // end by `searchEnd`; `level` is the stretch's mean magnitude.
+  std::optional<Payload> decode(const std::vector<float>& signal, std::uint64_t origin,
+                                double onset, double searchEnd, double level);
+
+ private:
+  struct Start {
+    double time;
+    int polarity;
+    double score;
+  };
+
+  // The prefix sum at a fractional index, constant beyond both ends (the
+  // last step interpolates to the end).
+  double prefixAt(double t) const {
+    const double u = std::clamp(t, 0.0, lastStep_);
+    const auto i = static_cast<std::size_t>(u);
+    const double f = u - static_cast<double>(i);
+    return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
+  }
+  // Correlation with a square period of half-length h starting at t
+  // (relative to the signal's start).
+  double correlation(double h, double t, int polarity) const {
+    return polarity * (2 * prefixAt(t + h) - prefixAt(t) - prefixAt(t + 2 * h));
+  }
+  // A bit's clock: where it begins, and how much longer than nominal the
+  // sender's bits have lately been.
+  struct Clock {
+    double time;
+    double stretch;
+  };
+  // The best re-timed correlation of each bit at the clock, less the costs,
+  // and the clock of the bit that would follow it.
+  void scoreBits(Clock clock, int polarity, bool retime, double score[2], Clock next[2]) const;
+  double bitLike(double t, int direction) const;
+  void finishPayload(Payload& payload, const std::vector<float>& signal,
+                     std::uint64_t origin) const;
+  double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
+  // The best sequence from t0; with `margins`, its bits' margins too.
+  std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
+
+  const double scale_;  // input samples per sample at 44100 Hz
+  const double half_[2];
+  const double step_;        // the re-timing allowed per bit
+  const double onsetSlack_;  // how late after the onset the first bit may begin
+  std::vector<double> prefix_;
+  double lastStep_ = 0;  // the last index where prefix_ can interpolate
+  double level_ = 0;
+  double bias_ = 0;  // cost per sample covered: stops a payload in a tail
+  double shiftCost_ = 0;
+
+  // The lattice: state (bits sent i, length k in 0-bit units), k in i..2i.
+  std::vector<double> score_, backward_, bitScore_[2];
+  std::vector<Clock> clock_;
+  std::vector<std::uint8_t> bit_;
+};
+
+}  // namespace nimbara::receiver
