@@ -7,13 +7,21 @@ import pytest
 
 import nimbara
 
-OPERATIONS = [
-    ("doLightLed", (255, 0, 128, 1, 500)),
-    ("doSprayWithLightLed", (10, 20, 30, 0, 5000)),
-    ("doSprayWithLightLedGetTankId", (0, 255, 0, 7, 50)),
-    ("doAquireDeviceState", ()),
-    ("doGetTankId", ()),
-    ("doEcho", (0x12345678,)),
+# (render's arguments, the tool's render words): every library operation and
+# every verb.
+RENDERS = [
+    (("doLightLed", 255, 0, 128, 1, 500), None),
+    (("doSprayWithLightLed", 10, 20, 30, 0, 5000), None),
+    (("doSprayWithLightLedGetTankId", 0, 255, 0, 7, 50), None),
+    (("doAquireDeviceState",), None),
+    (("doGetTankId",), None),
+    (("doEcho", 0x12345678), None),
+    (("flash", 255, 0, 128, 1, 700), ["flash", "255", "0", "128", "--special", "1", "--time", "700"]),
+    (("puff", 1, 2, 3, 0, 5000), ["puff", "1", "2", "3", "--time", "5000"]),
+    (("spray", 300), None),
+    (("state",), None),
+    (("tank",), None),
+    (("echo", 42), None),
 ]
 
 
@@ -23,12 +31,12 @@ def read_wav(path):
         return np.frombuffer(w.readframes(w.getnframes()), dtype="<i2").reshape(-1, 2)
 
 
-@pytest.mark.parametrize("operation,args", OPERATIONS, ids=[o for o, _ in OPERATIONS])
-def test_render_is_the_tools_render(tool, tmp_path, operation, args):
+@pytest.mark.parametrize("args,words", RENDERS, ids=[a[0] for a, _ in RENDERS])
+def test_render_is_the_tools_render(tool, tmp_path, args, words):
     out = tmp_path / "tool.wav"
-    subprocess.run([tool, "render", operation, *map(str, args), "--out", str(out)], check=True,
-                   capture_output=True)
-    samples = nimbara.render(operation, *args)
+    words = words or [str(a) for a in args]
+    subprocess.run([tool, "render", *words, "--out", str(out)], check=True, capture_output=True)
+    samples = nimbara.render(*args)
     assert samples.dtype == np.int16 and samples.ndim == 2 and samples.shape[1] == 2
     assert np.array_equal(samples, read_wav(out))
     assert np.any(samples != 0)
@@ -164,3 +172,13 @@ def test_decode_file_reads_real_wav_files(tool, tmp_path):
     text.write_text("not a wave at all, just text")
     with pytest.raises(ValueError, match="not a WAV file"):
         nimbara.decode_file(str(text))
+
+
+def test_noise_lowers_the_estimated_snr():
+    clean = nimbara.render("puff", 1, 2, 3) / 32768.0
+    noisy = clean + np.random.default_rng(1).normal(0, 0.3, clean.shape)
+    (a,), (b,) = nimbara.decode(clean), nimbara.decode(noisy)
+    assert (a.red, b.red, a.damaged, b.damaged) == (1, 1, False, False)
+    assert 0 < b.confidence <= 1 and 0 < a.confidence <= 1
+    assert a.snr_db > b.snr_db > 0
+    assert abs(a.start - b.start) < 0.001
