@@ -88,9 +88,12 @@ std::string describeTransmission(const nimbara::Transmission& t) {
            (t.parityOk[1] ? "ok" : "bad") + ", repetitions " +
            (t.repetitionsAgree ? "agree" : "disagree") + ", " + t.command + ")";
   }
+  char sureness[64];
+  std::snprintf(sureness, sizeof sureness, "  [confidence %.2f, SNR %.0f dB]", t.confidence,
+                t.snrDb);
   return start + t.command +
          arguments(t.command, t.red, t.green, t.blue, t.special, t.time, t.number) +
-         (t.command == "puff" && !t.asksTank ? " without asking for the tank" : "");
+         (t.command == "puff" && !t.asksTank ? " without asking for the tank" : "") + sureness;
 }
 
 Json tankJson(const nimbara::TankId& tank) {
