@@ -78,7 +78,7 @@ int runStatus(const Globals& globals) {
   const std::string route = routeOf();
   const bool present = isHeadsetPluggedIn();
   nimbara::platform::PulseDevice::OutputLevel level{100.0, false};
-  if (output.pulse && output.pulse->outputLevel(&level) != 0) level = {0.0, false};
+  if (output.pulse && !readLevel(output, &level)) level = {0.0, false};
   if (globals.json) {
     std::cout << Json{{"device", globals.device},
                       {"route", route},

@@ -15,7 +15,11 @@ Output openOutput(const Globals& globals) {
   }
   output.virtualDevice =
       std::dynamic_pointer_cast<nimbara::platform::VirtualDevice>(output.backend);
-  output.pulse = std::dynamic_pointer_cast<nimbara::platform::PulseDevice>(output.backend);
+#ifdef NIMBARA_TOOL_PULSE
+  if (std::dynamic_pointer_cast<nimbara::platform::PulseDevice>(output.backend)) {
+    output.pulse = output.backend;
+  }
+#endif
   output.wav = std::dynamic_pointer_cast<nimbara::platform::WavDevice>(output.backend);
   if (output.pulse) {
     std::string route;
@@ -53,10 +57,20 @@ void failedOutput(const Globals& globals, const Output& output, std::int32_t sta
 }
 
 // A sound server output that is muted or turned down loses the accessory.
+bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level) {
+#ifdef NIMBARA_TOOL_PULSE
+  return output.pulse &&
+         static_cast<nimbara::platform::PulseDevice&>(*output.pulse).outputLevel(level) == 0;
+#else
+  (void)output;
+  (void)level;
+  return false;  // a build without the sound-server backend
+#endif
+}
+
 void warnAboutLevel(const Output& output) {
-  if (!output.pulse) return;
   nimbara::platform::PulseDevice::OutputLevel level;
-  if (output.pulse->outputLevel(&level) != 0) return;
+  if (!readLevel(output, &level)) return;
   if (level.muted || level.volumePercent < 100.0) {
     std::fprintf(stderr, "nimbara: warning: the output is %s; the accessory needs full volume\n",
                  level.muted ? "muted" : "below full volume");

@@ -14,7 +14,8 @@ namespace tool {
 struct Output {
   std::shared_ptr<nimbara::platform::Backend> backend;
   std::shared_ptr<nimbara::platform::VirtualDevice> virtualDevice;
-  std::shared_ptr<nimbara::platform::PulseDevice> pulse;
+  // The sound server's device, when it is one (reached through readLevel).
+  std::shared_ptr<nimbara::platform::Backend> pulse;
   std::shared_ptr<nimbara::platform::WavDevice> wav;
 };
 
@@ -27,6 +28,9 @@ std::string routeOf();
 // The controller's presence check (unless --skip-precheck): NoDevice when no
 // headphones are on the route. Returns the controller.
 std::shared_ptr<nimbara::NimbaraProtocol> checkPresence(const Globals& globals);
+
+// The sound server output's volume and mute state; false for other outputs.
+bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level);
 
 // Warns on stderr when a sound server's output is muted or turned down.
 void warnAboutLevel(const Output& output);
