@@ -59,6 +59,10 @@ int runTool(int argc, const char* const* argv, bool execute) {
 
   auto* status = app.add_subcommand(
       "status", "the audio route, the device's presence and the volume; exit 3 when absent");
+  auto* outputs = app.add_subcommand(
+      "outputs",
+      "every sink of the sound server: presence, default, and whether the signal "
+      "reaches it unresampled");
   tool::LedRequest flashLed, puffLed;
   auto* flash = app.add_subcommand("flash", "flash the LED");
   addLedOptions(flash, flashLed);
@@ -113,6 +117,7 @@ int runTool(int argc, const char* const* argv, bool execute) {
 
   try {
     if (*status) return tool::runStatus(globals);
+    if (*outputs) return tool::runOutputs(globals);
     if (*flash) return tool::runLed(globals, flashLed, false);
     if (*puff) return tool::runLed(globals, puffLed, true);
     if (*tank) return tool::runTank(globals);

@@ -43,6 +43,7 @@ struct ListenRequest {
 };
 
 int runStatus(const Globals& globals);
+int runOutputs(const Globals& globals);
 int runLed(const Globals& globals, const LedRequest& led, bool puff);
 int runTank(const Globals& globals);
 int runEcho(const Globals& globals, std::uint32_t number);

@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "report.h"
+#include "resampling.h"
 
 namespace tool {
 namespace {
@@ -56,7 +57,8 @@ std::shared_ptr<nimbara::NimbaraProtocol> controllerFor(const Globals& globals) 
   return protocol;
 }
 
-// A sound server output that is muted or turned down loses the accessory.
+// A sound server output that is muted, turned down or resampling loses the
+// accessory.
 void warnAboutLevel(const Output& output) {
   if (!output.pulse) return;
   nimbara::platform::PulseDevice::OutputLevel level;
@@ -65,6 +67,8 @@ void warnAboutLevel(const Output& output) {
     std::fprintf(stderr, "nimbara: warning: the output is %s; the accessory needs full volume\n",
                  level.muted ? "muted" : "below full volume");
   }
+  nimbara::platform::PulseDevice::PlaybackRate rate;
+  if (output.pulse->playbackRate(&rate) == 0) std::cerr << resamplingWarning(rate);
 }
 
 // What the in-process accessory made of what the virtual device played.
@@ -161,23 +165,32 @@ std::string describeEcho(const Globals& globals, const nimbara::Command& c) {
 
 int runStatus(const Globals& globals) {
   const Output output = openOutput(globals);
+  nimbara::NimbaraSDK::nimbara();  // asks for the preferred rate, as every request does
   const std::string route = routeOf();
   const bool present = isHeadsetPluggedIn();
   nimbara::platform::PulseDevice::OutputLevel level{100.0, false};
   if (output.pulse && output.pulse->outputLevel(&level) != 0) level = {0.0, false};
+  // Other outputs take the signal as it is.
+  nimbara::platform::PulseDevice::PlaybackRate rate{44100, true, false};
+  const bool rateKnown = !output.pulse || output.pulse->playbackRate(&rate) == 0;
   if (globals.json) {
-    std::printf("{\"route\": %s, \"present\": %s, \"volume\": %.0f, \"muted\": %s}\n",
-                jsonString(route).c_str(), present ? "true" : "false", level.volumePercent,
-                level.muted ? "true" : "false");
+    std::printf(
+        "{\"route\": %s, \"present\": %s, \"volume\": %.0f, \"muted\": %s, \"rate\": %s, "
+        "\"exact\": %s}\n",
+        jsonString(route).c_str(), present ? "true" : "false", level.volumePercent,
+        level.muted ? "true" : "false", rateKnown ? std::to_string(rate.sinkRate).c_str() : "null",
+        rateKnown && rate.exact ? "true" : "false");
   } else {
-    std::printf("route: %s\ndevice: %s\nvolume: %.0f%%%s\n", route.c_str(),
+    std::printf("route: %s\ndevice: %s\nvolume: %.0f%%%s\nrate: %s\n", route.c_str(),
                 present ? "present" : "absent (no headphones on the route)", level.volumePercent,
-                level.muted ? ", muted" : "");
+                level.muted ? ", muted" : "",
+                rateKnown ? describeRate(rate).c_str() : "unknown (the sink did not play)");
   }
   if (level.muted || level.volumePercent < 100.0) {
     std::cerr << "nimbara: warning: the output is " << (level.muted ? "muted" : "below full volume")
               << "; the accessory needs full volume\n";
   }
+  if (rateKnown) std::cerr << resamplingWarning(rate);
   return present ? 0 : kNoDevice;
 }
 
