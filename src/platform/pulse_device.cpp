@@ -256,7 +256,7 @@ PulseDevice::SinkSummary summaryOf(const pa_sink_info& info) {
 }
 
 // A playback stream that asks for the preferred rate (0: no request).
-pa_stream* newStream(pa_context* context, std::uint32_t preferredRate) {
+pa_stream* newStream(pa_context* context, std::uint32_t preferredRate, const char* name) {
   const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
   pa_proplist* properties = pa_proplist_new();
   if (properties == nullptr) return nullptr;
@@ -264,8 +264,7 @@ pa_stream* newStream(pa_context* context, std::uint32_t preferredRate) {
     // PipeWire runs its graph at a stream's node.rate when that rate is allowed.
     pa_proplist_sets(properties, "node.rate", ("1/" + std::to_string(preferredRate)).c_str());
   }
-  pa_stream* stream =
-      pa_stream_new_with_proplist(context, "nimbara", &sampleSpec, nullptr, properties);
+  pa_stream* stream = pa_stream_new_with_proplist(context, name, &sampleSpec, nullptr, properties);
   pa_proplist_free(properties);
   return stream;
 }
@@ -353,9 +352,10 @@ std::int32_t probeRate(Connection& connection, const std::string& sink, std::uin
     std::atomic<bool> started{false};
   } probe;
   probe.connection.store(&connection, std::memory_order_release);
+  const std::vector<std::uint8_t> silence(2 * kTargetLatencyBytes, 0);
   Connection::Lock lock(connection.loop());
   if (!connection.alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
-  pa_stream* stream = newStream(connection.context(), preferredRate);
+  pa_stream* stream = newStream(connection.context(), preferredRate, "nimbara rate probe");
   if (stream == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
   auto onState = [](pa_stream*, void* data) {
     auto* p = static_cast<Probe*>(data);
@@ -389,7 +389,6 @@ std::int32_t probeRate(Connection& connection, const std::string& sink, std::uin
       pa_stream_get_state(stream) != PA_STREAM_READY) {
     status = NIMBARA_AUDIO_ERR_STREAM;
   } else {
-    const std::vector<std::uint8_t> silence(2 * kTargetLatencyBytes, 0);
     if (pa_stream_write(stream, silence.data(), silence.size(), nullptr, 0, PA_SEEK_RELATIVE) < 0 ||
         !connection.waitFor([&] { return probe.started.load(std::memory_order_acquire); },
                             kProbeLimitUsec)) {
@@ -450,7 +449,7 @@ class PulseDevice::Stream : public OutputStream {
   std::int32_t open(const std::string& sink, std::uint32_t preferredRate) {
     Connection::Lock lock(connection_->loop());
     if (!connection_->alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
-    stream_ = newStream(connection_->context(), preferredRate);
+    stream_ = newStream(connection_->context(), preferredRate, "nimbara");
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &Stream::onState, this);
     pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
