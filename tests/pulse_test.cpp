@@ -231,10 +231,11 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
 #endif
   REQUIRE_EXACT_SINK();
   if (serverKind() == "pipewire") {
-    // Measured: with both cores spinning, a headless PipeWire without
-    // real-time scheduling damages one or two transmissions in a hundred in
-    // most runs, whatever the stream's or the recorder's latency.
-    GTEST_SKIP() << "PipeWire without real-time scheduling drops samples under full load";
+    // Known fault, with or without the load: pipewire-pulse logs underruns of
+    // our stream ("underrun ... avail:1192 max:2048") and drops the late
+    // samples, damaging one or two of a hundred back-to-back transmissions in
+    // most runs. The stream's pacing against pipewire-pulse is still to be fixed.
+    GTEST_SKIP() << "pipewire-pulse underruns the stream in about one transmission in a hundred";
   }
   nimbara::setLogSink({});
   nimbara::platform::setBackend(std::make_shared<PulseDevice>());
