@@ -341,18 +341,20 @@ std::int32_t readSinkRate(Connection& connection, std::uint32_t index, std::uint
   return NIMBARA_AUDIO_OK;
 }
 
-// Plays 100 ms of silence on the sink with the rate request a transmission
+// Plays up to 300 ms of silence on the sink with the rate request a transmission
 // makes, and reads the sink's rate once the server has started playing it: a
 // sink switches its rate only for a stream that really plays.
 std::int32_t probeRate(Connection& connection, const std::string& sink, std::uint32_t preferredRate,
                        std::uint32_t* rate) {
   constexpr pa_usec_t kProbeLimitUsec = 2000000;
+  constexpr pa_usec_t kRecheckUsec = 20000;
+  constexpr std::uint32_t kStreamRate = 44100;
   struct Probe {
     std::atomic<Connection*> connection{nullptr};
     std::atomic<bool> started{false};
   } probe;
   probe.connection.store(&connection, std::memory_order_release);
-  const std::vector<std::uint8_t> silence(2 * kTargetLatencyBytes, 0);
+  const std::vector<std::uint8_t> silence(6 * kTargetLatencyBytes, 0);  // 300 ms
   Connection::Lock lock(connection.loop());
   if (!connection.alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
   pa_stream* stream = newStream(connection.context(), preferredRate, "nimbara rate probe");
@@ -394,7 +396,14 @@ std::int32_t probeRate(Connection& connection, const std::string& sink, std::uin
                             kProbeLimitUsec)) {
       status = NIMBARA_AUDIO_ERR_STREAM;
     } else {
-      status = readSinkRate(connection, pa_stream_get_device_index(stream), rate);
+      // PipeWire may switch the sink a little after the stream has started:
+      // another rate counts only once it has held for 200 ms of playing.
+      const std::uint32_t index = pa_stream_get_device_index(stream);
+      for (int look = 0; look < 10; ++look) {
+        status = readSinkRate(connection, index, rate);
+        if (status != NIMBARA_AUDIO_OK || *rate == kStreamRate) break;
+        connection.waitFor([] { return false; }, kRecheckUsec);
+      }
     }
   }
   if (!connection.alive()) status = NIMBARA_AUDIO_ERR_NO_SERVER;

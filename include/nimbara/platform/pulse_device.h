@@ -48,7 +48,7 @@ class NIMBARA_API PulseDevice : public Backend {
 
   /** The rate the sink runs at while a stream of this device plays on it, and
    * whether that is the stream's own 44100 Hz, so that the signal reaches the
-   * sink unresampled. Found by playing 100 ms of silence on the sink with the
+   * sink unresampled. Found by playing up to 300 ms of silence on the sink with the
    * same rate request as a transmission makes: an idle sink's rate says
    * nothing about the rate it will switch to. */
   struct PlaybackRate {
