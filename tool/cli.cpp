@@ -78,7 +78,11 @@ int runTool(int argc, const char* const* argv, bool execute) {
                "send without checking for headphones on the audio route");
 
   app.add_subcommand("status",
-                     "the audio route, the device's presence and the volume; exit 3 when absent");
+                     "the audio route, the device's presence, the volume and the sink's rate; "
+                     "exit 3 when absent");
+  app.add_subcommand("outputs",
+                     "every sink of the sound server: presence, default, and whether the signal "
+                     "reaches it unresampled");
   const auto named = [](const char* verb) {
     CommandWords words;
     words.verb = verb;
@@ -199,6 +203,7 @@ int runTool(int argc, const char* const* argv, bool execute) {
       return 0;
     }
     if (app.got_subcommand("status")) return runStatus(globals);
+    if (app.got_subcommand("outputs")) return runOutputs(globals);
     for (CommandWords* words : {&flash, &puff, &spray, &state, &tank, &echo}) {
       if (app.got_subcommand(words->verb)) return runDevice(globals, *words);
     }

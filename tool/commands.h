@@ -53,6 +53,7 @@ struct ListenRequest {
 };
 
 int runStatus(const Globals& globals);
+int runOutputs(const Globals& globals);
 int runDevice(const Globals& globals, const CommandWords& words);
 int runRender(const Globals& globals, const RenderRequest& request);
 int runDecode(const Globals& globals, const DecodeRequest& request);

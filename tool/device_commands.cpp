@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "output.h"
 #include "report.h"
+#include "resampling.h"
 #include "words.h"
 
 namespace tool {
@@ -75,16 +76,22 @@ int send(const Globals& globals, const Output& output, const nimbara::Command& c
 
 int runStatus(const Globals& globals) {
   const Output output = openOutput(globals);
+  nimbara::NimbaraSDK::nimbara();  // asks for the preferred rate, as every request does
   const std::string route = routeOf();
   const bool present = isHeadsetPluggedIn();
   nimbara::platform::PulseDevice::OutputLevel level{100.0, false};
   if (output.pulse && !readLevel(output, &level)) level = {0.0, false};
+  // Other outputs take the signal as it is.
+  nimbara::platform::PulseDevice::PlaybackRate rate{44100, true, false};
+  const bool rateKnown = !output.pulse || readRate(output, &rate);
   if (globals.json) {
     std::cout << Json{{"device", globals.device},
                       {"route", route},
                       {"present", present},
                       {"volume", std::round(level.volumePercent)},
-                      {"muted", level.muted}}
+                      {"muted", level.muted},
+                      {"rate", rateKnown ? Json(rate.sinkRate) : Json(nullptr)},
+                      {"exact", rateKnown && rate.exact}}
                      .dump()
               << std::endl;
   } else {
@@ -93,7 +100,8 @@ int runStatus(const Globals& globals) {
                   level.muted ? ", muted" : "");
     say(globals, "route: " + route +
                      "\ndevice: " + (present ? "present" : "absent (no headphones on the route)") +
-                     "\nvolume: " + volume + "\n");
+                     "\nvolume: " + volume + "\nrate: " +
+                     (rateKnown ? describeRate(rate) : "unknown (the sink did not play)") + "\n");
   }
   warnAboutLevel(output);
   return present ? 0 : kNoDevice;

@@ -2,6 +2,7 @@
 #include <nimbara/nimbara.h>
 
 #include <pulse/error.h>
+#include <pulse/pulseaudio.h>
 #include <pulse/simple.h>
 #include <unistd.h>
 
@@ -25,6 +26,47 @@ double levelDb(const std::int16_t* samples, std::size_t count) {
   return rms > 0 ? 20 * std::log10(rms) : -120;
 }
 
+// Whether the server has a source of that name. Some servers (PipeWire's
+// PulseAudio interface) quietly record from the default one instead of
+// refusing a name they do not know. Unknown (no answer): true, and the
+// recording's own error speaks.
+bool sourceExists(const std::string& name) {
+  pa_mainloop* loop = pa_mainloop_new();
+  if (loop == nullptr) return true;
+  pa_context* context = pa_context_new(pa_mainloop_get_api(loop), "nimbara");
+  struct Answer {
+    int state = 0;  // 0 waiting, 1 found, 2 not found
+  } answer;
+  bool asked = false;
+  if (context != nullptr &&
+      pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
+    for (int i = 0; i < 2000 && answer.state == 0; ++i) {
+      if (pa_mainloop_iterate(loop, 1, nullptr) < 0) break;
+      const pa_context_state_t state = pa_context_get_state(context);
+      if (!PA_CONTEXT_IS_GOOD(state)) break;
+      if (state == PA_CONTEXT_READY && !asked) {
+        asked = true;
+        pa_operation* op = pa_context_get_source_info_by_name(
+            context, name.c_str(),
+            [](pa_context*, const pa_source_info* info, int eol, void* data) {
+              auto* a = static_cast<Answer*>(data);
+              if (info != nullptr) a->state = 1;
+              if (eol != 0 && a->state == 0) a->state = 2;
+            },
+            &answer);
+        if (op == nullptr) break;
+        pa_operation_unref(op);
+      }
+    }
+  }
+  if (context != nullptr) {
+    pa_context_disconnect(context);
+    pa_context_unref(context);
+  }
+  pa_mainloop_free(loop);
+  return answer.state != 2;
+}
+
 }  // namespace
 
 int runListen(const Globals& globals, const ListenRequest& request) {
@@ -32,6 +74,10 @@ int runListen(const Globals& globals, const ListenRequest& request) {
   const double limit = seconds("--seconds", request.seconds);
   if (globals.verbosity < 2) nimbara::setLogSink({});
   const std::string source = request.source.empty() ? "@DEFAULT_MONITOR@" : request.source;
+  if (!request.source.empty() && !sourceExists(source)) {
+    throw std::runtime_error("there is no source named \"" + source +
+                             "\" (pactl list short sources lists them)");
+  }
   const pa_sample_spec format{PA_SAMPLE_S16LE, 44100, 2};
   pa_buffer_attr attr{};
   attr.maxlength = static_cast<std::uint32_t>(-1);

@@ -1,6 +1,8 @@
 // The audio output the tool plays on, and the checks around a transmission.
 #include "output.h"
 
+#include "resampling.h"
+
 #include <cstdio>
 
 namespace tool {
@@ -56,7 +58,19 @@ void failedOutput(const Globals& globals, const Output& output, std::int32_t sta
                            std::to_string(status) + "); the command did not go out whole");
 }
 
-// A sound server output that is muted or turned down loses the accessory.
+// A sound server output that is muted, turned down or resampling loses the
+// accessory.
+bool readRate(const Output& output, nimbara::platform::PulseDevice::PlaybackRate* rate) {
+#ifdef NIMBARA_TOOL_PULSE
+  return output.pulse &&
+         static_cast<nimbara::platform::PulseDevice&>(*output.pulse).playbackRate(rate) == 0;
+#else
+  (void)output;
+  (void)rate;
+  return false;
+#endif
+}
+
 bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level) {
 #ifdef NIMBARA_TOOL_PULSE
   return output.pulse &&
@@ -75,6 +89,8 @@ void warnAboutLevel(const Output& output) {
     std::fprintf(stderr, "nimbara: warning: the output is %s; the accessory needs full volume\n",
                  level.muted ? "muted" : "below full volume");
   }
+  nimbara::platform::PulseDevice::PlaybackRate rate;
+  if (readRate(output, &rate)) std::fputs(resamplingWarning(rate).c_str(), stderr);
 }
 
 }  // namespace tool

@@ -32,6 +32,10 @@ std::shared_ptr<nimbara::NimbaraProtocol> checkPresence(const Globals& globals);
 // The sound server output's volume and mute state; false for other outputs.
 bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level);
 
+// The rate of the sink that plays (after playing on it); false for other
+// outputs or when it cannot be told.
+bool readRate(const Output& output, nimbara::platform::PulseDevice::PlaybackRate* rate);
+
 // Warns on stderr when a sound server's output is muted or turned down.
 void warnAboutLevel(const Output& output);
 

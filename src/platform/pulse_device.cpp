@@ -13,9 +13,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "common/log.h"
 
@@ -160,6 +163,31 @@ class PulseDevice::Connection {
     return done;
   }
 
+  // Waits, the lock held, until `done` holds, the server is lost or `limit`
+  // has passed; returns `done`.
+  template <typename Done>
+  bool waitFor(Done done, pa_usec_t limit) {
+    struct Alarm {
+      std::atomic<Connection*> connection{nullptr};
+      std::atomic<bool> rang{false};
+    } alarm;
+    alarm.connection.store(this, std::memory_order_release);
+    auto onAlarm = [](pa_mainloop_api*, pa_time_event*, const struct timeval*, void* data) {
+      auto* a = static_cast<Alarm*>(data);
+      Connection* connection = a->connection.load(std::memory_order_acquire);
+      InCallback scope(connection->loop());
+      a->rang.store(true, std::memory_order_release);
+      connection->signal();
+    };
+    pa_time_event* event =
+        pa_context_rttime_new(context_, pa_rtclock_now() + limit, onAlarm, &alarm);
+    while (!done() && alive() && !alarm.rang.load(std::memory_order_acquire)) {
+      waitForSignal(loop_);
+    }
+    if (event != nullptr) pa_threaded_mainloop_get_api(loop_)->time_free(event);
+    return done();
+  }
+
   bool alive() const { return !lost_.load(std::memory_order_acquire); }
   const char* error() const { return pa_strerror(pa_context_errno(context_)); }
   void signal() { pa_threaded_mainloop_signal(loop_, 0); }
@@ -203,11 +231,43 @@ namespace {
 
 using Connection = PulseDevice::Connection;
 
-// What the default sink tells about itself.
+// What the server and the sink tell about themselves.
 struct SinkFacts {
   std::string route;
   PulseDevice::OutputLevel level;
+  std::uint32_t rate = 0;
+  bool pipewire = false;
 };
+
+std::string routeOf(const std::string& description, const std::string& port) {
+  return port.empty() ? description : description + ": " + port;
+}
+
+PulseDevice::SinkSummary summaryOf(const pa_sink_info& info) {
+  PulseDevice::SinkSummary sink;
+  sink.name = info.name != nullptr ? info.name : "";
+  sink.description = info.description != nullptr ? info.description : sink.name;
+  if (info.active_port != nullptr && info.active_port->description != nullptr) {
+    sink.port = info.active_port->description;
+  }
+  sink.route = routeOf(sink.description, sink.port);
+  sink.rate = info.sample_spec.rate;
+  return sink;
+}
+
+// A playback stream that asks for the preferred rate (0: no request).
+pa_stream* newStream(pa_context* context, std::uint32_t preferredRate, const char* name) {
+  const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
+  pa_proplist* properties = pa_proplist_new();
+  if (properties == nullptr) return nullptr;
+  if (preferredRate != 0) {
+    // PipeWire runs its graph at a stream's node.rate when that rate is allowed.
+    pa_proplist_sets(properties, "node.rate", ("1/" + std::to_string(preferredRate)).c_str());
+  }
+  pa_stream* stream = pa_stream_new_with_proplist(context, name, &sampleSpec, nullptr, properties);
+  pa_proplist_free(properties);
+  return stream;
+}
 
 std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts* facts) {
   struct Query {
@@ -224,13 +284,17 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
     auto* q = static_cast<Query*>(data);
     Connection* connection = q->connection.load(std::memory_order_acquire);
     InCallback scope(connection->loop());
-    if (info != nullptr && info->default_sink_name != nullptr)
-      q->sinkName = info->default_sink_name;
+    if (info != nullptr) {
+      q->facts->pipewire =
+          info->server_name != nullptr && std::strstr(info->server_name, "PipeWire") != nullptr;
+      if (q->sinkName.empty() && info->default_sink_name != nullptr) {
+        q->sinkName = info->default_sink_name;
+      }
+    }
     connection->signal();
   };
-  if (query.sinkName.empty() &&
-      (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
-       query.sinkName.empty())) {
+  if (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
+      query.sinkName.empty()) {
     return connection.alive() ? NIMBARA_AUDIO_ERR_NO_ROUTE : NIMBARA_AUDIO_ERR_NO_SERVER;
   }
   auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
@@ -239,11 +303,8 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
     InCallback scope(connection->loop());
     if (eol == 0 && info != nullptr) {
       q->found = true;
-      q->facts->route = info->description != nullptr ? info->description : info->name;
-      if (info->active_port != nullptr && info->active_port->description != nullptr) {
-        q->facts->route += ": ";
-        q->facts->route += info->active_port->description;
-      }
+      q->facts->route = summaryOf(*info).route;
+      q->facts->rate = info->sample_spec.rate;
       q->facts->level.volumePercent = 100.0 * pa_cvolume_max(&info->volume) / PA_VOLUME_NORM;
       q->facts->level.muted = info->mute != 0;
     }
@@ -257,6 +318,134 @@ std::int32_t readSink(Connection& connection, const std::string& sink, SinkFacts
   return NIMBARA_AUDIO_OK;
 }
 
+// The rate of the sink with this index.
+std::int32_t readSinkRate(Connection& connection, std::uint32_t index, std::uint32_t* rate) {
+  struct Query {
+    std::atomic<Connection*> connection{nullptr};
+    std::uint32_t rate = 0;
+  } query;
+  query.connection.store(&connection, std::memory_order_release);
+  auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+    auto* q = static_cast<Query*>(data);
+    Connection* connection = q->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
+    if (eol == 0 && info != nullptr) q->rate = info->sample_spec.rate;
+    connection->signal();
+  };
+  if (!connection.await(
+          pa_context_get_sink_info_by_index(connection.context(), index, onSink, &query)) ||
+      query.rate == 0) {
+    return connection.alive() ? NIMBARA_AUDIO_ERR_NO_ROUTE : NIMBARA_AUDIO_ERR_NO_SERVER;
+  }
+  *rate = query.rate;
+  return NIMBARA_AUDIO_OK;
+}
+
+// Plays up to 300 ms of silence on the sink with the rate request a transmission
+// makes, and reads the sink's rate once the server has started playing it: a
+// sink switches its rate only for a stream that really plays.
+std::int32_t probeRate(Connection& connection, const std::string& sink, std::uint32_t preferredRate,
+                       std::uint32_t* rate) {
+  constexpr pa_usec_t kProbeLimitUsec = 2000000;
+  constexpr pa_usec_t kRecheckUsec = 20000;
+  constexpr std::uint32_t kStreamRate = 44100;
+  struct Probe {
+    std::atomic<Connection*> connection{nullptr};
+    std::atomic<bool> started{false};
+  } probe;
+  probe.connection.store(&connection, std::memory_order_release);
+  const std::vector<std::uint8_t> silence(6 * kTargetLatencyBytes, 0);  // 300 ms
+  Connection::Lock lock(connection.loop());
+  if (!connection.alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
+  pa_stream* stream = newStream(connection.context(), preferredRate, "nimbara rate probe");
+  if (stream == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
+  auto onState = [](pa_stream*, void* data) {
+    auto* p = static_cast<Probe*>(data);
+    Connection* connection = p->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
+    connection->signal();
+  };
+  auto onStarted = [](pa_stream*, void* data) {
+    auto* p = static_cast<Probe*>(data);
+    Connection* connection = p->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
+    p->started.store(true, std::memory_order_release);
+    connection->signal();
+  };
+  pa_stream_set_state_callback(stream, onState, &probe);
+  pa_stream_set_started_callback(stream, onStarted, &probe);
+  pa_buffer_attr attr{};
+  attr.maxlength = static_cast<std::uint32_t>(-1);
+  attr.tlength = kTargetLatencyBytes;
+  attr.prebuf = static_cast<std::uint32_t>(-1);
+  attr.minreq = static_cast<std::uint32_t>(-1);
+  attr.fragsize = static_cast<std::uint32_t>(-1);
+  auto ready = [&] {
+    const pa_stream_state_t state = pa_stream_get_state(stream);
+    return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
+  };
+  std::int32_t status = NIMBARA_AUDIO_OK;
+  if (pa_stream_connect_playback(stream, sink.empty() ? nullptr : sink.c_str(), &attr,
+                                 PA_STREAM_ADJUST_LATENCY, nullptr, nullptr) < 0 ||
+      !connection.waitFor(ready, kProbeLimitUsec) ||
+      pa_stream_get_state(stream) != PA_STREAM_READY) {
+    status = NIMBARA_AUDIO_ERR_STREAM;
+  } else {
+    if (pa_stream_write(stream, silence.data(), silence.size(), nullptr, 0, PA_SEEK_RELATIVE) < 0 ||
+        !connection.waitFor([&] { return probe.started.load(std::memory_order_acquire); },
+                            kProbeLimitUsec)) {
+      status = NIMBARA_AUDIO_ERR_STREAM;
+    } else {
+      // PipeWire may switch the sink a little after the stream has started:
+      // another rate counts only once it has held for 200 ms of playing.
+      const std::uint32_t index = pa_stream_get_device_index(stream);
+      for (int look = 0; look < 10; ++look) {
+        status = readSinkRate(connection, index, rate);
+        if (status != NIMBARA_AUDIO_OK || *rate == kStreamRate) break;
+        connection.waitFor([] { return false; }, kRecheckUsec);
+      }
+    }
+  }
+  if (!connection.alive()) status = NIMBARA_AUDIO_ERR_NO_SERVER;
+  pa_stream_set_state_callback(stream, nullptr, nullptr);
+  pa_stream_set_started_callback(stream, nullptr, nullptr);
+  pa_stream_disconnect(stream);
+  pa_stream_unref(stream);
+  return status;
+}
+
+std::int32_t listAllSinks(Connection& connection, std::vector<PulseDevice::SinkSummary>* sinks) {
+  struct Query {
+    std::atomic<Connection*> connection{nullptr};
+    std::string defaultSink;
+    std::vector<PulseDevice::SinkSummary>* sinks = nullptr;
+  } query;
+  query.sinks = sinks;
+  query.connection.store(&connection, std::memory_order_release);
+  Connection::Lock lock(connection.loop());
+  auto onServer = [](pa_context*, const pa_server_info* info, void* data) {
+    auto* q = static_cast<Query*>(data);
+    Connection* connection = q->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
+    if (info != nullptr && info->default_sink_name != nullptr)
+      q->defaultSink = info->default_sink_name;
+    connection->signal();
+  };
+  auto onSink = [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+    auto* q = static_cast<Query*>(data);
+    Connection* connection = q->connection.load(std::memory_order_acquire);
+    InCallback scope(connection->loop());
+    if (eol == 0 && info != nullptr) q->sinks->push_back(summaryOf(*info));
+    connection->signal();
+  };
+  if (!connection.await(pa_context_get_server_info(connection.context(), onServer, &query)) ||
+      !connection.await(pa_context_get_sink_info_list(connection.context(), onSink, &query))) {
+    return connection.alive() ? NIMBARA_AUDIO_ERR_NO_ROUTE : NIMBARA_AUDIO_ERR_NO_SERVER;
+  }
+  for (auto& sink : *sinks) sink.isDefault = sink.name == query.defaultSink;
+  return NIMBARA_AUDIO_OK;
+}
+
 }  // namespace
 
 class PulseDevice::Stream : public OutputStream {
@@ -266,11 +455,10 @@ class PulseDevice::Stream : public OutputStream {
   }
   ~Stream() override { close(); }
 
-  std::int32_t open(const std::string& sink) {
+  std::int32_t open(const std::string& sink, std::uint32_t preferredRate) {
     Connection::Lock lock(connection_->loop());
     if (!connection_->alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
-    const pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 2};
-    stream_ = pa_stream_new(connection_->context(), "nimbara", &sampleSpec, nullptr);
+    stream_ = newStream(connection_->context(), preferredRate, "nimbara");
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &Stream::onState, this);
     pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
@@ -462,7 +650,10 @@ std::int32_t PulseDevice::openStream(const NimbaraStreamFormat&,
   if (const std::int32_t status = connection(&shared)) return status;
   try {
     auto opened = std::make_unique<Stream>(std::move(shared));
-    if (const std::int32_t status = opened->open(sink_)) return status;
+    if (const std::int32_t status =
+            opened->open(sink_, preferredRate_.load(std::memory_order_relaxed))) {
+      return status;
+    }
     *stream = std::move(opened);
   } catch (const std::bad_alloc&) {
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
@@ -491,6 +682,47 @@ std::int32_t PulseDevice::outputLevel(OutputLevel* level) {
   SinkFacts facts;
   if (const std::int32_t status = readFacts(&facts)) return status;
   *level = facts.level;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::setPreferredSampleRate(double rate) {
+  if (!std::isfinite(rate) || rate < 1 || rate > 768000 || rate != std::floor(rate)) {
+    return NIMBARA_AUDIO_ERR_INVALID;
+  }
+  preferredRate_.store(static_cast<std::uint32_t>(rate), std::memory_order_relaxed);
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::playbackRate(PlaybackRate* rate) {
+  SinkFacts facts;
+  if (const std::int32_t status = readFacts(&facts)) return status;
+  std::shared_ptr<Connection> shared;
+  if (const std::int32_t status = connection(&shared)) return status;
+  PlaybackRate found;
+  found.pipewire = facts.pipewire;
+  try {
+    if (const std::int32_t status = probeRate(
+            *shared, sink_, preferredRate_.load(std::memory_order_relaxed), &found.sinkRate)) {
+      return status;
+    }
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+  found.exact = found.sinkRate == static_cast<std::uint32_t>(kFramesPerSecond);
+  *rate = found;
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PulseDevice::listSinks(std::vector<SinkSummary>* sinks) {
+  std::shared_ptr<Connection> shared;
+  if (const std::int32_t status = connection(&shared)) return status;
+  try {
+    std::vector<SinkSummary> found;
+    if (const std::int32_t status = listAllSinks(*shared, &found)) return status;
+    *sinks = std::move(found);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
   return NIMBARA_AUDIO_OK;
 }
 
