@@ -17,8 +17,8 @@ int main(void) {
   nimbaraSetLogSink(NULL, NULL);
   const int seen = lines;
   freeProtocolFrame(createAcquireProtocol());
-  int ok = unit != NULL && unit->length == 8 && countPlusBit(unit) == 2 && seen >= 4 &&
-           lines == seen;
+  int ok =
+      unit != NULL && unit->length == 8 && countPlusBit(unit) == 2 && seen >= 4 && lines == seen;
   free(unit->data);
   free(unit);
   return ok ? 0 : 1;

@@ -12,12 +12,12 @@
 #include <nimbara/log.h>
 
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -87,7 +87,9 @@ class LogPipe {
     return pipe.load(std::memory_order_relaxed);
   }
 
-  bool silent() const { return !hasSink_.load(std::memory_order_acquire); }
+  bool silent() const {
+    return !hasSink_.load(std::memory_order_acquire);
+  }
 
   void write(const char* text, std::size_t len) {
     if (tlsInSink) {  // a sink that logs: deliver in place, in order
@@ -128,7 +130,9 @@ class LogPipe {
     hasSink_.store(static_cast<bool>(sink_), std::memory_order_release);
   }
 
-  unsigned long long dropped() const { return dropped_.load(std::memory_order_relaxed); }
+  unsigned long long dropped() const {
+    return dropped_.load(std::memory_order_relaxed);
+  }
 
  private:
   struct Line {
