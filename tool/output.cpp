@@ -58,8 +58,6 @@ void failedOutput(const Globals& globals, const Output& output, std::int32_t sta
                            std::to_string(status) + "); the command did not go out whole");
 }
 
-// A sound server output that is muted, turned down or resampling loses the
-// accessory.
 bool readRate(const Output& output, nimbara::platform::PulseDevice::PlaybackRate* rate) {
 #ifdef NIMBARA_TOOL_PULSE
   return output.pulse &&
@@ -82,6 +80,8 @@ bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel
 #endif
 }
 
+// A sound server output that is muted, turned down or resampling loses the
+// accessory.
 void warnAboutLevel(const Output& output) {
   nimbara::platform::PulseDevice::OutputLevel level;
   if (!readLevel(output, &level)) return;

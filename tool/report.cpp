@@ -32,19 +32,25 @@ std::string arguments(const std::string& verb, int red, int green, int blue, int
   return "";
 }
 
+// The fields a verb carries, the same whether sent or received.
+void addArguments(Json& json, const std::string& verb, int red, int green, int blue, int special,
+                  int time, std::uint32_t number, bool asksTank) {
+  if (hasLed(verb)) {
+    json["red"] = red;
+    json["green"] = green;
+    json["blue"] = blue;
+    json["special"] = special;
+  }
+  if (hasLed(verb) || verb == "spray") json["time"] = time;
+  if (verb == "echo") json["number"] = number;
+  if (verb == "puff") json["asks_tank"] = asksTank;
+}
+
 }  // namespace
 
 Json commandJson(const nimbara::Command& c) {
   Json json{{"command", c.verb}};
-  if (hasLed(c.verb)) {
-    json["red"] = c.red;
-    json["green"] = c.green;
-    json["blue"] = c.blue;
-    json["special"] = c.special;
-  }
-  if (hasLed(c.verb) || c.verb == "spray") json["time"] = c.time;
-  if (c.verb == "echo") json["number"] = c.number;
-  if (c.verb == "puff") json["asks_tank"] = c.asksTank;
+  addArguments(json, c.verb, c.red, c.green, c.blue, c.special, c.time, c.number, c.asksTank);
   if (c.verb == "puff" || c.verb == "spray") json["sprays"] = nimbara::sprayMilliseconds(c);
   json["operation"] = nimbara::operationName(c);
   return json;
@@ -66,15 +72,7 @@ Json transmissionJson(const nimbara::Transmission& t, const std::string& file) {
   if (!file.empty()) json["file"] = file;
   json["start"] = std::round(t.startSeconds * 10000) / 10000;
   json["damaged"] = t.damaged;
-  if (hasLed(t.command)) {
-    json["red"] = t.red;
-    json["green"] = t.green;
-    json["blue"] = t.blue;
-    json["special"] = t.special;
-  }
-  if (hasLed(t.command) || t.command == "spray") json["time"] = t.time;
-  if (t.command == "echo") json["number"] = t.number;
-  if (t.command == "puff") json["asks_tank"] = t.asksTank;
+  addArguments(json, t.command, t.red, t.green, t.blue, t.special, t.time, t.number, t.asksTank);
   json["confidence"] = t.confidence;
   json["snr_db"] = t.snrDb;
   return json;

@@ -32,6 +32,18 @@ constexpr pa_usec_t kPumpPeriodUsec = 5000;
 constexpr std::size_t kRingBytes = 1u << 16;  // more than all a queue's buffers
 constexpr auto kStallLimit = std::chrono::seconds(2);
 
+// A playback stream's buffering: about 50 ms held by the server, the rest its
+// own choice.
+pa_buffer_attr playbackBufferAttr() {
+  pa_buffer_attr attr{};
+  attr.maxlength = static_cast<std::uint32_t>(-1);
+  attr.tlength = kTargetLatencyBytes;
+  attr.prebuf = static_cast<std::uint32_t>(-1);
+  attr.minreq = static_cast<std::uint32_t>(-1);
+  attr.fragsize = static_cast<std::uint32_t>(-1);
+  return attr;
+}
+
 // ThreadSanitizer cannot see the main loop's lock inside libpulse, which is
 // not built with it; these annotations tell it what the lock orders.
 #if defined(__SANITIZE_THREAD__)
@@ -374,12 +386,7 @@ std::int32_t probeRate(Connection& connection, const std::string& sink, std::uin
   };
   pa_stream_set_state_callback(stream, onState, &probe);
   pa_stream_set_started_callback(stream, onStarted, &probe);
-  pa_buffer_attr attr{};
-  attr.maxlength = static_cast<std::uint32_t>(-1);
-  attr.tlength = kTargetLatencyBytes;
-  attr.prebuf = static_cast<std::uint32_t>(-1);
-  attr.minreq = static_cast<std::uint32_t>(-1);
-  attr.fragsize = static_cast<std::uint32_t>(-1);
+  const pa_buffer_attr attr = playbackBufferAttr();
   auto ready = [&] {
     const pa_stream_state_t state = pa_stream_get_state(stream);
     return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
@@ -462,12 +469,7 @@ class PulseDevice::Stream : public OutputStream {
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &Stream::onState, this);
     pa_stream_set_write_callback(stream_, &Stream::onWritable, this);
-    pa_buffer_attr attr{};
-    attr.maxlength = static_cast<std::uint32_t>(-1);
-    attr.tlength = kTargetLatencyBytes;
-    attr.prebuf = static_cast<std::uint32_t>(-1);
-    attr.minreq = static_cast<std::uint32_t>(-1);
-    attr.fragsize = static_cast<std::uint32_t>(-1);
+    const pa_buffer_attr attr = playbackBufferAttr();
     const auto flags = static_cast<pa_stream_flags_t>(
         PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
     // No volume is passed: the stream plays at whatever the user has set.
