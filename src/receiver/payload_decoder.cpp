@@ -1,5 +1,7 @@
 #include "receiver/payload_decoder.h"
 
+#include <nimbara/api/command.h>
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -29,6 +31,12 @@ constexpr int kStartsKept = 2;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
+// A reading outside every command's layout is taken only when it fits this
+// many clean 0-bits better than the best command: noise alone rarely makes
+// up that much.
+constexpr double kUnknownLayoutBits = 1.0;
+// How many 1-bits' time a command may run past the end of the activity.
+constexpr double kPastActivityBits = 0;
 
 int stateIndex(int bits, int units) {
   return bits * (bits + 1) / 2 + (units - bits);
@@ -40,8 +48,10 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
     : scale_(sampleRate / kReferenceRate),
       half_{10 * scale_, 20 * scale_},
       step_(0.5 * scale_),
-      onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))) {
-  const int states = stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2);
+      onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))),
+      layouts_(layouts()),
+      statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
+  const int states = layouts_.size() * statesPerLayout_;
   score_.resize(states);
   clock_.resize(states);
   backward_.resize(states);
@@ -214,38 +224,87 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
   best->end += static_cast<double>(origin);
 }
 
-// Viterbi over the lattice of (bits sent, length so far), each state keeping
-// its own re-timed clock; then a backward pass for the margins.
+// The layouts a payload can have: each command's opcode (for the state and
+// tank requests, their whole fixed payload) with the lengths it comes in and
+// even parity; and, last, any bits of any valid length, which tells a layout
+// no command has.
+std::vector<PayloadDecoder::Layout> PayloadDecoder::layouts() {
+  std::vector<Layout> result;
+  for (unsigned opcode = 0; opcode < 256; ++opcode) {
+    Layout layout;
+    for (unsigned bit = 0; bit < 8; ++bit) layout.prefix += (opcode >> (7 - bit)) & 1 ? '1' : '0';
+    for (unsigned parameterBits : {8u, 16u, 32u, 48u}) {
+      if (std::string(verbOfOpcode(opcode, parameterBits, nullptr)) == "unknown") continue;
+      layout.ends[9 + parameterBits] = true;
+      // A request's parameter is eight 0-bits, so its parity is the opcode's.
+      if (parameterBits == 8) {
+        const auto ones = std::count(layout.prefix.begin(), layout.prefix.end(), '1');
+        layout.prefix += std::string(8, '0') + (ones % 2 ? '1' : '0');
+      }
+    }
+    if (std::find(layout.ends.begin(), layout.ends.end(), true) == layout.ends.end()) continue;
+    layout.evenParity = true;
+    result.push_back(layout);
+  }
+  Layout any;
+  for (int n : kPayloadLengths) any.ends[n] = true;
+  result.push_back(any);
+  return result;
+}
+
+// Viterbi over the lattice of (layout, bits sent, length so far), each state
+// keeping its own re-timed clock; then a backward pass for the margins.
 std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd,
                                                        bool margins) {
+  const int layouts = static_cast<int>(layouts_.size());
   std::fill(score_.begin(), score_.end(), kNone);
-  score_[0] = 0;
-  clock_[0] = {t0, 0};
+  for (int g = 0; g < layouts; ++g) {
+    score_[at(g, 0)] = 0;
+    clock_[at(g, 0)] = {t0, 0};
+  }
   int lastLevel = 0;
-  const double beam = kBeamBits * level_ * 2 * half_[0];
+  const double cleanBit = level_ * 2 * half_[0];
+  const double beam = kBeamBits * cleanBit;
+  // A command's layout fixes its length, so it may run a little past the end
+  // of the activity, which noise or a run of 1-bits can end early; other
+  // readings stop there.
+  const double allowance = kPastActivityBits * 4 * half_[0];
+  const auto limit = [&](int g) {
+    return layouts_[g].evenParity ? std::min(lastStep_, searchEnd + allowance) : searchEnd;
+  };
   for (int i = 0; i < kLongestPayload; ++i) {
     bool any = false;
     double levelBest = kNone;
-    for (int k = i; k <= 2 * i; ++k) levelBest = std::max(levelBest, score_[stateIndex(i, k)]);
-    for (int k = i; k <= 2 * i; ++k) {
-      const int at = stateIndex(i, k);
-      if (score_[at] < levelBest - beam || clock_[at].time > searchEnd + 2 * half_[0]) {
-        bitScore_[0][at] = bitScore_[1][at] = kNone;
-        continue;
-      }
-      any = true;
-      Clock nexts[2];
-      double scores[2];
-      scoreBits(clock_[at], polarity, true, scores, nexts);
-      for (int b = 0; b < 2; ++b) {
-        const Clock& next = nexts[b];
-        const double c = scores[b];
-        bitScore_[b][at] = c;
-        const int to = stateIndex(i + 1, k + 1 + b);
-        if (score_[at] + c > score_[to]) {
-          score_[to] = score_[at] + c;
-          clock_[to] = next;
-          bit_[to] = static_cast<std::uint8_t>(b);
+    for (int g = 0; g < layouts; ++g) {
+      for (int k = i; k <= 2 * i; ++k)
+        levelBest = std::max(levelBest, score_[at(g, stateIndex(i, k))]);
+    }
+    for (int g = 0; g < layouts; ++g) {
+      const Layout& layout = layouts_[g];
+      const bool forced = i < static_cast<int>(layout.prefix.size());
+      for (int k = i; k <= 2 * i; ++k) {
+        const int s = at(g, stateIndex(i, k));
+        if (score_[s] < levelBest - beam || clock_[s].time > limit(g) + 2 * half_[0] ||
+            i >= layout.longest()) {
+          bitScore_[0][s] = bitScore_[1][s] = kNone;
+          continue;
+        }
+        any = true;
+        Clock nexts[2];
+        double scores[2];
+        scoreBits(clock_[s], polarity, true, scores, nexts);
+        for (int b = 0; b < 2; ++b) {
+          if (forced && layout.prefix[i] != '0' + b) {
+            bitScore_[b][s] = kNone;
+            continue;
+          }
+          bitScore_[b][s] = scores[b];
+          const int to = at(g, stateIndex(i + 1, k + 1 + b));
+          if (score_[s] + scores[b] > score_[to]) {
+            score_[to] = score_[s] + scores[b];
+            clock_[to] = nexts[b];
+            bit_[to] = static_cast<std::uint8_t>(b);
+          }
         }
       }
     }
@@ -253,81 +312,102 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     lastLevel = i + 1;
   }
 
-  // The end: the best state of a valid payload length that ends in time.
-  int endBits = 0, endUnits = 0;
-  double endScore = kNone, endFit = kNone;
-  for (int n : kPayloadLengths) {
-    if (n > lastLevel) break;
-    for (int k = n; k <= 2 * n; ++k) {
-      const int at = stateIndex(n, k);
-      // A payload is followed by the stop level and silence: a bit's worth
-      // of signal right after the end means the sequence ended too early.
-      const double fit = score_[at] - bitLike(clock_[at].time, 1);
-      if (fit > endFit && clock_[at].time <= searchEnd + half_[0]) {
-        endFit = fit, endScore = score_[at], endBits = n, endUnits = k;
+  // A payload is followed by the stop level and silence: a bit's worth of
+  // signal right after the end means the sequence ended too early.
+  const auto isEnd = [&](int g, int i, int k) {
+    const Layout& layout = layouts_[g];
+    const int s = at(g, stateIndex(i, k));
+    return i <= lastLevel && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
+           score_[s] != kNone && clock_[s].time <= limit(g) + half_[0];
+  };
+  struct End {
+    int layout = -1, bits = 0, units = 0;
+    double score = kNone, fit = kNone;
+  };
+  std::vector<End> ends(layouts);
+  for (int g = 0; g < layouts; ++g) {
+    for (int n = 1; n <= std::min(lastLevel, kLongestPayload); ++n) {
+      for (int k = n; k <= 2 * n; ++k) {
+        if (!isEnd(g, n, k)) continue;
+        const int s = at(g, stateIndex(n, k));
+        const double fit = score_[s] - bitLike(clock_[s].time, 1);
+        if (fit > ends[g].fit) ends[g] = {g, n, k, score_[s], fit};
       }
     }
   }
-  if (endScore == kNone || endScore <= 0) return std::nullopt;
+  // The best command layout, unless some other reading fits clearly better:
+  // then the payload is no command the accessory knows, and says so.
+  End best, runnerUp;
+  for (int g = 0; g + 1 < layouts; ++g) {
+    if (ends[g].fit > best.fit)
+      runnerUp = best, best = ends[g];
+    else if (ends[g].fit > runnerUp.fit)
+      runnerUp = ends[g];
+  }
+  // Any reading that fits better than the command's takes from its
+  // certainty: a layout fixes some bits, and a layout alone (every request is
+  // one) reads the same from anything.
+  const End& free = ends[layouts - 1];
+  double unexplained =
+      free.fit == kNone || best.fit == kNone ? 0 : std::max(0.0, free.fit - best.fit);
+  if (free.fit > best.fit + kUnknownLayoutBits * cleanBit)
+    best = free, runnerUp = End{}, unexplained = 0;
+  if (best.score == kNone || best.score <= 0) return std::nullopt;
 
+  const int g = best.layout;
   Payload payload;
-  payload.bits.assign(endBits, '0');
-  std::vector<int> units(endBits + 1);
-  units[endBits] = endUnits;
-  for (int i = endBits, k = endUnits; i > 0; --i) {
-    const int b = bit_[stateIndex(i, k)];
+  payload.bits.assign(best.bits, '0');
+  for (int i = best.bits, k = best.units; i > 0; --i) {
+    const int b = bit_[at(g, stateIndex(i, k))];
     payload.bits[i - 1] = static_cast<char>('0' + b);
     k -= 1 + b;
-    units[i - 1] = k;
   }
   payload.start = t0;
   payload.polarity = polarity;
-  payload.end = clock_[stateIndex(endBits, endUnits)].time;
+  payload.end = clock_[at(g, stateIndex(best.bits, best.units))].time;
   const double span = payload.end - payload.start;
-  payload.amplitude = (endScore + bias_ * span) / span;
-  payload.fit = endFit - bitLike(t0, -1);
+  payload.amplitude = (best.score + bias_ * span) / span;
+  payload.fit = best.fit - bitLike(t0, -1);
 
   if (!margins) return payload;
 
-  // Backward: the best way from each state to any end of a valid length.
+  // Backward: the best way from each state of the layout to any of its ends.
   std::fill(backward_.begin(), backward_.end(), kNone);
-  auto isEnd = [&](int i, int at) {
-    return (i == 17 || i == 25 || i == 41 || i == 57) && score_[at] != kNone &&
-           clock_[at].time <= searchEnd + half_[0];
-  };
   for (int i = lastLevel; i >= 0; --i) {
     for (int k = i; k <= 2 * i; ++k) {
-      const int at = stateIndex(i, k);
-      if (score_[at] == kNone) continue;
-      if (isEnd(i, at)) backward_[at] = 0;
+      const int s = at(g, stateIndex(i, k));
+      if (score_[s] == kNone) continue;
+      if (isEnd(g, i, k)) backward_[s] = 0;
       if (i == lastLevel) continue;
       for (int b = 0; b < 2; ++b) {
-        const double after = backward_[stateIndex(i + 1, k + 1 + b)];
-        if (after != kNone && bitScore_[b][at] != kNone) {
-          backward_[at] = std::max(backward_[at], bitScore_[b][at] + after);
+        const double after = backward_[at(g, stateIndex(i + 1, k + 1 + b))];
+        if (after != kNone && bitScore_[b][s] != kNone) {
+          backward_[s] = std::max(backward_[s], bitScore_[b][s] + after);
         }
       }
     }
   }
   // Each bit's margin: the best sequence against the best one with that bit
-  // flipped, in units of a clean 0-bit's correlation.
-  double weakest = std::numeric_limits<double>::infinity();
-  for (int i = 0; i < endBits; ++i) {
+  // flipped, in units of a clean 0-bit's correlation; another command's
+  // layout is the alternative to the bits it fixes.
+  double weakest = runnerUp.fit == kNone ? best.score : std::max(0.0, best.fit - runnerUp.fit);
+  for (int i = 0; i < best.bits; ++i) {
     const int flipped = payload.bits[i] == '1' ? 0 : 1;
     double alternative = kNone;
     for (int k = i; k <= 2 * i; ++k) {
-      const int at = stateIndex(i, k);
-      if (score_[at] == kNone || bitScore_[flipped][at] == kNone) continue;
-      const double after = backward_[stateIndex(i + 1, k + 1 + flipped)];
+      const int s = at(g, stateIndex(i, k));
+      if (score_[s] == kNone || bitScore_[flipped][s] == kNone) continue;
+      const double after = backward_[at(g, stateIndex(i + 1, k + 1 + flipped))];
       if (after == kNone) continue;
-      alternative = std::max(alternative, score_[at] + bitScore_[flipped][at] + after);
+      alternative = std::max(alternative, score_[s] + bitScore_[flipped][s] + after);
     }
-    const double margin = alternative == kNone ? endScore : std::max(0.0, endScore - alternative);
-    weakest = std::min(weakest, margin);
+    if (alternative != kNone) weakest = std::min(weakest, std::max(0.0, best.score - alternative));
   }
+  // A layout that fixes every bit is believed only if nothing else fits better.
+  const bool fixed = static_cast<int>(layouts_[g].prefix.size()) == best.bits;
+  weakest = fixed && unexplained > 0 ? 0 : weakest - unexplained;
   // Against the stretch's level rather than the path's own correlation, which
   // noise inflates by always picking the better of two waveforms.
-  const double cleanBit = level_ * 2 * half_[0];
   payload.confidence = cleanBit > 0 ? std::clamp(weakest / cleanBit, 0.0, 1.0) : 0.0;
   return payload;
 }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,6 +28,10 @@ struct Payload {
   int polarity = 1;
   // The best reading with the other polarity, if any.
   std::shared_ptr<Payload> inverted;
+  // The band-passed signal around the payload, from stream sample
+  // `waveStart` on: what its repetition is added to when neither reads alone.
+  std::vector<float> wave;
+  std::uint64_t waveStart = 0;
 };
 
 class PayloadDecoder {
@@ -40,6 +45,21 @@ class PayloadDecoder {
                                 double onset, double searchEnd, double level);
 
  private:
+  // Which payloads a search may end in: fixed leading bits, the lengths, and
+  // whether the parity must be even.
+  struct Layout {
+    std::string prefix;
+    std::array<bool, 58> ends{};
+    bool evenParity = false;
+    int longest() const {
+      int n = static_cast<int>(ends.size()) - 1;
+      while (n > 0 && !ends[n]) --n;
+      return n;
+    }
+  };
+  static std::vector<Layout> layouts();
+  int at(int layout, int state) const { return layout * statesPerLayout_ + state; }
+
   struct Start {
     double time;
     int polarity;
@@ -79,13 +99,16 @@ class PayloadDecoder {
   const double half_[2];
   const double step_;        // the re-timing allowed per bit
   const double onsetSlack_;  // how late after the onset the first bit may begin
+  const std::vector<Layout> layouts_;
+  const int statesPerLayout_;
   std::vector<double> prefix_;
   double lastStep_ = 0;  // the last index where prefix_ can interpolate
   double level_ = 0;
   double bias_ = 0;  // cost per sample covered: stops a payload in a tail
   double shiftCost_ = 0;
 
-  // The lattice: state (bits sent i, length k in 0-bit units), k in i..2i.
+  // The lattice, per layout: state (bits sent i, length k in 0-bit units),
+  // k in i..2i.
   std::vector<double> score_, backward_, bitScore_[2];
   std::vector<Clock> clock_;
   std::vector<std::uint8_t> bit_;

@@ -30,6 +30,9 @@ constexpr double kEchoHoldOffSeconds = 0.15;
 constexpr double kReportableMargin = 0.1;
 constexpr double kReportableSnrDb = 3;
 constexpr double kBeforeRun = 0.006, kAfterRun = 0.002;  // seconds of context
+// Samples kept around a payload, and how far its repetition may be from
+// where the two readings put it (a 0-bit and more).
+constexpr double kWaveMargin = 60, kAlignSlack = 30;
 
 }  // namespace
 
@@ -172,6 +175,7 @@ struct Receiver::State {
       auto payload = decoder.decode(signal, origin, onset, end, level);
       if (!payload) return;
       const double payloadEnd = payload->end;
+      keepWave(*payload, signal, origin);
       onPayload(std::move(*payload));
       // Whatever follows within the segment: the next activity after a pause.
       const double from = payloadEnd + 300 * scale;
@@ -186,6 +190,55 @@ struct Receiver::State {
       if (next < 0) return;
       onset = next;
     }
+  }
+
+  void keepWave(receiver::Payload& payload, const std::vector<float>& signal,
+                std::uint64_t origin) const {
+    const double margin = kWaveMargin * scale;
+    const auto from =
+        static_cast<std::size_t>(std::clamp(payload.start - margin - static_cast<double>(origin),
+                                            0.0, static_cast<double>(signal.size())));
+    const auto to = static_cast<std::size_t>(
+        std::clamp(payload.end + margin - static_cast<double>(origin), static_cast<double>(from),
+                   static_cast<double>(signal.size())));
+    payload.wave.assign(signal.begin() + from, signal.begin() + to);
+    payload.waveStart = origin + from;
+  }
+
+  // Both repetitions added up, aligned where their waveforms match best and
+  // with the same polarity: the noise adds up at random, the bits do not.
+  std::optional<receiver::Payload> combine(const receiver::Payload& first,
+                                           const receiver::Payload& second) {
+    if (first.wave.empty() || second.wave.empty()) return std::nullopt;
+    const float sign = first.polarity == second.polarity ? 1.0f : -1.0f;
+    const auto expected = static_cast<std::ptrdiff_t>(std::llround(second.start - first.start)) -
+                          (static_cast<std::ptrdiff_t>(second.waveStart) -
+                           static_cast<std::ptrdiff_t>(first.waveStart));
+    const auto slack = static_cast<std::ptrdiff_t>(std::llround(kAlignSlack * scale));
+    const auto a = static_cast<std::ptrdiff_t>(first.wave.size());
+    const auto b = static_cast<std::ptrdiff_t>(second.wave.size());
+    std::ptrdiff_t bestShift = expected;
+    double bestDot = -1e300;
+    for (std::ptrdiff_t shift = expected - slack; shift <= expected + slack; ++shift) {
+      double dot = 0;
+      for (std::ptrdiff_t i = std::max<std::ptrdiff_t>(0, -shift); i < a && i + shift < b; ++i) {
+        dot += static_cast<double>(first.wave[i]) * second.wave[i + shift];
+      }
+      dot *= sign;
+      if (dot > bestDot) bestDot = dot, bestShift = shift;
+    }
+    std::vector<float> sum = first.wave;
+    double level = 0;
+    for (std::ptrdiff_t i = 0; i < a; ++i) {
+      if (i + bestShift >= 0 && i + bestShift < b) sum[i] += sign * second.wave[i + bestShift];
+      level += std::fabs(sum[i]);
+    }
+    level /= static_cast<double>(std::max<std::ptrdiff_t>(1, a));
+    auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, level);
+    if (!combined) return std::nullopt;
+    // Its place is the first repetition's.
+    combined->inverted.reset();
+    return combined;
   }
 
   // The readings of two repetitions to report: the pair
@@ -212,7 +265,15 @@ struct Receiver::State {
       if (!receiver::followsAfterSilence(*it, payload, rate)) continue;
       const auto [a, b] = choose(*it, payload);
       if (a->bits != b->bits && std::next(it) != recent.end()) continue;  // a nearer one may agree
-      const receiver::Payload first = *a, second = *b;
+      receiver::Payload first = *a, second = *b;
+      if (!receiver::assemble(first, &second, rate).damaged) {
+      } else if (auto combined = combine(*it, payload)) {
+        auto t = receiver::assemble(*combined, &*combined, rate);
+        if (!t.damaged && combined->confidence >= receiver::kCombinedMargin) {
+          first = *combined, second = *combined;
+          second.start = b->start, second.end = b->end;
+        }
+      }
       const double start = it->start;
       recent.erase(it);
       // Unpaired payloads that began before this transmission come first.
