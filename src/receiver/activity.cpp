@@ -9,7 +9,7 @@ namespace {
 constexpr double kReferenceRate = 44100.0;
 // A pair of blocks counts as active this far above the noise floor (the
 // floor is a minimum, about three quarters of the mean noise). The comb below
-// doubles white noise but quadruples a 0-bit, so at 3 dB SNR the signal still
+// doubles white noise but triples either bit, so at 3 dB SNR the signal still
 // stands clear of it.
 constexpr double kAboveFloor = 2.5;
 constexpr double kSilence = 1e-7;  // about -70 dBFS of comb energy
@@ -22,15 +22,16 @@ constexpr double kFloorDoublingSeconds = 0.25;
 ActivityGate::ActivityGate(double sampleRate, int channels)
     : channels_(channels),
       blockLength_(std::max<std::size_t>(8, std::lround(sampleRate / 1000))),
-      lag_(std::max<std::size_t>(1, std::lround(10 * sampleRate / kReferenceRate))),
+      lag_(std::max<std::size_t>(1, std::lround(13 * sampleRate / kReferenceRate))),
       longestRun_(static_cast<std::uint64_t>(0.35 * sampleRate)),
       history_(channels, std::vector<float>(lag_, 0.0f)),
       sampleRise_(std::exp2(1 / (kFloorDoublingSeconds * sampleRate))),
       blockRise_(std::pow(sampleRise_, static_cast<double>(blockLength_))) {}
 
-// The energy of x[n] - x[n - lag]: a comb whose first peak sits on the 0-bit's
-// fundamental, whose zero at DC removes offsets, hum and most of the rumble,
-// and which vectorises.
+// The energy of x[n] - x[n - lag]: a comb whose delay of 13 samples passes
+// both bits' fundamentals alike (a long run of 1-bits must not fall below the
+// floor), whose zero at DC removes offsets, hum and most of the rumble, and
+// which vectorises.
 bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, ActivityRun* ended) {
   double energy = 0;
   for (int c = 0; c < channels_; ++c) {

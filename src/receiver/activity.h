@@ -36,7 +36,7 @@ class ActivityGate {
 
   const int channels_;
   const std::size_t blockLength_;
-  const std::size_t lag_;  // half a short period: the comb's delay
+  const std::size_t lag_;  // the comb's delay: 13 samples at 44100 Hz
   const std::uint64_t longestRun_;
   std::vector<std::vector<float>> history_;  // the last `lag_` samples per channel
   const double sampleRise_, blockRise_;      // how fast the floor may rise

@@ -181,6 +181,19 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // whose shifted twin fits nearly as well is no more certain than that.
   for (auto& payload : byPolarity) {
     if (!payload) continue;
+    // A start a 0-bit off that reads better is the start.
+    for (int moves = 0; moves < 2; ++moves) {
+      std::optional<Payload> better;
+      for (int direction : {-1, 1}) {
+        auto twin = searchSequences(payload->start + direction * 2 * half_[0], payload->polarity,
+                                    relativeEnd, false);
+        if (twin && twin->fit > (better ? better->fit : payload->fit)) better = std::move(twin);
+      }
+      if (!better) break;
+      payload = searchSequences(better->start, better->polarity, relativeEnd, true);
+      if (!payload) break;
+    }
+    if (!payload) continue;
     for (int direction : {-1, 1}) {
       const double shift = direction * 2 * half_[0];
       auto twin = searchSequences(payload->start + shift, payload->polarity, relativeEnd, false);
@@ -368,6 +381,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   const double span = payload.end - payload.start;
   payload.amplitude = (best.score + bias_ * span) / span;
   payload.fit = best.fit - bitLike(t0, -1);
+  payload.cleanBit = cleanBit;
 
   if (!margins) return payload;
 

@@ -24,7 +24,8 @@ struct Payload {
   double confidence = 0;  // the weakest bit's margin, 0..1
   double amplitude = 0;   // the signal's correlation per sample
   double snrDb = 0;
-  double fit = 0;  // the sequence's score: which of several readings is best
+  double fit = 0;       // the sequence's score: which of several readings is best
+  double cleanBit = 0;  // the score of one clean 0-bit at this level
   int polarity = 1;
   // The best reading with the other polarity, if any.
   std::shared_ptr<Payload> inverted;

@@ -33,6 +33,8 @@ constexpr double kBeforeRun = 0.006, kAfterRun = 0.002;  // seconds of context
 // Samples kept around a payload, and how far its repetition may be from
 // where the two readings put it (a 0-bit and more).
 constexpr double kWaveMargin = 60, kAlignSlack = 30;
+// How much of the first repetition's power the second must show at its end.
+constexpr double kPresentTail = 0.25;
 
 }  // namespace
 
@@ -198,9 +200,12 @@ struct Receiver::State {
     const auto from =
         static_cast<std::size_t>(std::clamp(payload.start - margin - static_cast<double>(origin),
                                             0.0, static_cast<double>(signal.size())));
-    const auto to = static_cast<std::size_t>(
-        std::clamp(payload.end + margin - static_cast<double>(origin), static_cast<double>(from),
-                   static_cast<double>(signal.size())));
+    // As far as the longest payload would reach: a reading that ended early
+    // may have missed its last bits, which the other repetition can supply.
+    const double reach = std::max(payload.end, payload.start + kLongestPayload * scale) + margin;
+    const auto to = static_cast<std::size_t>(std::clamp(reach - static_cast<double>(origin),
+                                                        static_cast<double>(from),
+                                                        static_cast<double>(signal.size())));
     payload.wave.assign(signal.begin() + from, signal.begin() + to);
     payload.waveStart = origin + from;
   }
@@ -227,6 +232,19 @@ struct Receiver::State {
       dot *= sign;
       if (dot > bestDot) bestDot = dot, bestShift = shift;
     }
+    // The second repetition must be there for the whole payload, to its
+    // last quarter: a cut one does not count.
+    const auto p0 =
+        static_cast<std::ptrdiff_t>(first.start) - static_cast<std::ptrdiff_t>(first.waveStart);
+    const auto p1 =
+        static_cast<std::ptrdiff_t>(first.end) - static_cast<std::ptrdiff_t>(first.waveStart);
+    if (p0 < 0 || p1 > a || p0 + bestShift < 0 || p1 + bestShift > b) return std::nullopt;
+    double tailFirst = 0, tailSecond = 0;
+    for (std::ptrdiff_t i = p1 - (p1 - p0) / 4; i < p1; ++i) {
+      tailFirst += static_cast<double>(first.wave[i]) * first.wave[i];
+      tailSecond += static_cast<double>(second.wave[i + bestShift]) * second.wave[i + bestShift];
+    }
+    if (!(tailSecond >= kPresentTail * tailFirst)) return std::nullopt;
     std::vector<float> sum = first.wave;
     double level = 0;
     for (std::ptrdiff_t i = 0; i < a; ++i) {
@@ -260,16 +278,28 @@ struct Receiver::State {
     return best;
   }
 
+  static void discount(receiver::Payload& reading, const receiver::Payload& best) {
+    if (reading.cleanBit <= 0) return;
+    reading.confidence -= std::max(0.0, best.fit - reading.fit) / reading.cleanBit;
+    reading.confidence = std::max(0.0, reading.confidence);
+  }
+
   void onPayload(receiver::Payload payload) {
     for (auto it = recent.begin(); it != recent.end(); ++it) {
       if (!receiver::followsAfterSilence(*it, payload, rate)) continue;
       const auto [a, b] = choose(*it, payload);
       if (a->bits != b->bits && std::next(it) != recent.end()) continue;  // a nearer one may agree
       receiver::Payload first = *a, second = *b;
-      if (!receiver::assemble(first, &second, rate).damaged) {
-      } else if (auto combined = combine(*it, payload)) {
-        auto t = receiver::assemble(*combined, &*combined, rate);
-        if (!t.damaged && combined->confidence >= receiver::kCombinedMargin) {
+      // A repetition read with the polarity that fits it less well is only
+      // as certain as that difference allows.
+      discount(first, *it);
+      discount(second, payload);
+      // Two readings that do not make a command: their sum may, read once
+      // more, if it reads clearly.
+      if (receiver::assemble(first, &second, rate).damaged) {
+        auto combined = combine(*it, payload);
+        if (combined && combined->confidence >= receiver::kCombinedMargin &&
+            !receiver::assemble(*combined, &*combined, rate).damaged) {
           first = *combined, second = *combined;
           second.start = b->start, second.end = b->end;
         }
