@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <stdexcept>
 
 namespace nimbara::receiver {
 namespace {
@@ -27,7 +28,12 @@ constexpr double kMaxStretch = 0.06;
 // stretch, and the best of each polarity searched as sequences.
 constexpr int kRankingBits = 16;
 constexpr std::size_t kStartsRescored = 6;
-constexpr int kStartsKept = 2;
+constexpr int kStartsKept = 2;  // one while any bits are read
+// How many times the start may move by a 0-bit to a better reading.
+constexpr int kStartMoves = 2;
+// A reading of any bits this sure that is a command needs no search over the
+// commands' layouts.
+constexpr double kSureMargin = 0.3;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
@@ -35,8 +41,6 @@ constexpr double kBeamBits = 4;
 // many clean 0-bits better than the best command: noise alone rarely makes
 // up that much.
 constexpr double kUnknownLayoutBits = 1.0;
-// How many 1-bits' time a command may run past the end of the activity.
-constexpr double kPastActivityBits = 0;
 
 int stateIndex(int bits, int units) {
   return bits * (bits + 1) / 2 + (units - bits);
@@ -51,7 +55,10 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
       onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))),
       layouts_(layouts()),
       statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
-  const int states = layouts_.size() * statesPerLayout_;
+  if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
+  const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
+  alive_.resize(layouts_.size());
+  reached_.resize(layouts_.size());
   score_.resize(states);
   clock_.resize(states);
   backward_.resize(states);
@@ -167,40 +174,56 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // tell the polarities apart. Both are searched, and the best reading of
   // each is kept: the other repetition decides between them.
   std::optional<Payload> byPolarity[2];
-  int searched[2] = {0, 0};
-  for (const Start& start : starts) {
-    const int side = start.polarity > 0 ? 0 : 1;
-    if (searched[side] == kStartsKept) continue;
-    ++searched[side];
-    auto payload = searchSequences(start.time, start.polarity, relativeEnd, true);
-    std::optional<Payload>& best = byPolarity[side];
-    if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
-  }
-  // A run of equal bits at an edge makes a start one 0-bit early or late
-  // look almost as good, and both repetitions fall for it alike: a reading
-  // whose shifted twin fits nearly as well is no more certain than that.
-  for (auto& payload : byPolarity) {
-    if (!payload) continue;
-    // A start a 0-bit off that reads better is the start.
-    for (int moves = 0; moves < 2; ++moves) {
-      std::optional<Payload> better;
-      for (int direction : {-1, 1}) {
-        auto twin = searchSequences(payload->start + direction * 2 * half_[0], payload->polarity,
-                                    relativeEnd, false);
-        if (twin && twin->fit > (better ? better->fit : payload->fit)) better = std::move(twin);
+  const auto read = [&](bool constrained) {
+    constrained_ = constrained;
+    int searched[2] = {0, 0};
+    for (const Start& start : starts) {
+      const int side = start.polarity > 0 ? 0 : 1;
+      if (searched[side] == (constrained ? kStartsKept : 1)) continue;
+      ++searched[side];
+      auto payload = searchSequences(start.time, start.polarity, relativeEnd, false);
+      std::optional<Payload>& best = byPolarity[side];
+      if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
+    }
+    for (auto& payload : byPolarity) {
+      if (!payload) continue;
+      // A start a 0-bit off that reads better is the start.
+      std::optional<Payload> twins[2];
+      for (int moves = 0; moves <= kStartMoves; ++moves) {
+        int better = -1;
+        for (int side = 0; side < 2; ++side) {
+          twins[side] = searchSequences(payload->start + (2 * side - 1) * 2 * half_[0],
+                                        payload->polarity, relativeEnd, false);
+          const double fit = better < 0 ? payload->fit : twins[better]->fit;
+          if (twins[side] && twins[side]->fit > fit) better = side;
+        }
+        if (better < 0 || moves == kStartMoves) break;
+        payload = std::move(twins[better]);
       }
-      if (!better) break;
-      payload = searchSequences(better->start, better->polarity, relativeEnd, true);
-      if (!payload) break;
+      payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
+      if (!payload) continue;
+      // A run of equal bits at an edge makes a start one 0-bit early or late
+      // look almost as good, and both repetitions fall for it alike: a reading
+      // whose shifted twin fits nearly as well is no more certain than that.
+      for (const auto& twin : twins) {
+        if (!twin || twin->bits == payload->bits) continue;
+        const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
+        payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
+      }
     }
-    if (!payload) continue;
-    for (int direction : {-1, 1}) {
-      const double shift = direction * 2 * half_[0];
-      auto twin = searchSequences(payload->start + shift, payload->polarity, relativeEnd, false);
-      if (!twin || twin->bits == payload->bits) continue;
-      const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
-      payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
-    }
+  };
+  // Any bits first, which is cheap: a clear reading that is a command is what
+  // the commands' layouts would read too. Otherwise the layouts decide.
+  read(false);
+  const auto sure = [&](const std::optional<Payload>& p) {
+    return p && p->confidence >= kSureMargin && isCommand(p->bits);
+  };
+  const bool firstBetter =
+      !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit);
+  if (!sure(byPolarity[firstBetter ? 0 : 1])) {
+    byPolarity[0].reset();
+    byPolarity[1].reset();
+    read(true);
   }
   for (auto& payload : byPolarity) {
     if (payload) finishPayload(*payload, signal, origin);
@@ -233,6 +256,7 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
   const double total = power(best->start, best->end);
   best->snrDb = std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
                            -20.0, 99.0);
+  best->command = isCommand(best->bits);
   best->start += static_cast<double>(origin);
   best->end += static_cast<double>(origin);
 }
@@ -265,44 +289,57 @@ std::vector<PayloadDecoder::Layout> PayloadDecoder::layouts() {
   return result;
 }
 
+bool PayloadDecoder::isCommand(const std::string& bits) const {
+  const auto ones = std::count(bits.begin(), bits.end(), '1');
+  return ones % 2 == 0 &&
+         std::any_of(layouts_.begin(), layouts_.end() - 1, [&](const Layout& layout) {
+           return bits.size() < layout.ends.size() && layout.ends[bits.size()] &&
+                  bits.compare(0, layout.prefix.size(), layout.prefix) == 0;
+         });
+}
+
 // Viterbi over the lattice of (layout, bits sent, length so far), each state
 // keeping its own re-timed clock; then a backward pass for the margins.
 std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd,
                                                        bool margins) {
   const int layouts = static_cast<int>(layouts_.size());
-  std::fill(score_.begin(), score_.end(), kNone);
   for (int g = 0; g < layouts; ++g) {
     score_[at(g, 0)] = 0;
     clock_[at(g, 0)] = {t0, 0};
+    alive_[g] = constrained_ || g == layouts - 1;
+    reached_[g] = 0;
   }
   int lastLevel = 0;
   const double cleanBit = level_ * 2 * half_[0];
   const double beam = kBeamBits * cleanBit;
-  // A command's layout fixes its length, so it may run a little past the end
-  // of the activity, which noise or a run of 1-bits can end early; other
-  // readings stop there.
-  const double allowance = kPastActivityBits * 4 * half_[0];
-  const auto limit = [&](int g) {
-    return layouts_[g].evenParity ? std::min(lastStep_, searchEnd + allowance) : searchEnd;
-  };
   for (int i = 0; i < kLongestPayload; ++i) {
-    bool any = false;
+    // Only the levels a layout reaches are cleared, and read.
+    for (int g = 0; g < layouts; ++g) {
+      if (!alive_[g]) continue;
+      for (int k = i + 1; k <= 2 * i + 2; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
+      reached_[g] = i + 1;
+    }
     double levelBest = kNone;
     for (int g = 0; g < layouts; ++g) {
-      for (int k = i; k <= 2 * i; ++k)
+      if (!alive_[g]) continue;
+      for (int k = i; k <= 2 * i; ++k) {
         levelBest = std::max(levelBest, score_[at(g, stateIndex(i, k))]);
+      }
     }
+    bool any = false;
     for (int g = 0; g < layouts; ++g) {
       const Layout& layout = layouts_[g];
+      if (!alive_[g]) continue;
+      alive_[g] = false;
+      if (i >= layout.longest()) continue;
       const bool forced = i < static_cast<int>(layout.prefix.size());
       for (int k = i; k <= 2 * i; ++k) {
         const int s = at(g, stateIndex(i, k));
-        if (score_[s] < levelBest - beam || clock_[s].time > limit(g) + 2 * half_[0] ||
-            i >= layout.longest()) {
+        if (score_[s] < levelBest - beam || clock_[s].time > searchEnd + 2 * half_[0]) {
           bitScore_[0][s] = bitScore_[1][s] = kNone;
           continue;
         }
-        any = true;
+        alive_[g] = any = true;
         Clock nexts[2];
         double scores[2];
         scoreBits(clock_[s], polarity, true, scores, nexts);
@@ -330,16 +367,17 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   const auto isEnd = [&](int g, int i, int k) {
     const Layout& layout = layouts_[g];
     const int s = at(g, stateIndex(i, k));
-    return i <= lastLevel && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
-           score_[s] != kNone && clock_[s].time <= limit(g) + half_[0];
+    return i <= reached_[g] && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
+           score_[s] != kNone && clock_[s].time <= searchEnd + half_[0];
   };
   struct End {
     int layout = -1, bits = 0, units = 0;
     double score = kNone, fit = kNone;
   };
-  std::vector<End> ends(layouts);
+  std::array<End, kMostLayouts> ends{};
   for (int g = 0; g < layouts; ++g) {
-    for (int n = 1; n <= std::min(lastLevel, kLongestPayload); ++n) {
+    for (int n : kPayloadLengths) {
+      if (n > lastLevel) break;
       for (int k = n; k <= 2 * n; ++k) {
         if (!isEnd(g, n, k)) continue;
         const int s = at(g, stateIndex(n, k));
@@ -386,13 +424,13 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   if (!margins) return payload;
 
   // Backward: the best way from each state of the layout to any of its ends.
-  std::fill(backward_.begin(), backward_.end(), kNone);
-  for (int i = lastLevel; i >= 0; --i) {
+  std::fill(backward_.begin() + at(g, 0), backward_.begin() + at(g + 1, 0), kNone);
+  for (int i = reached_[g]; i >= 0; --i) {
     for (int k = i; k <= 2 * i; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone) continue;
       if (isEnd(g, i, k)) backward_[s] = 0;
-      if (i == lastLevel) continue;
+      if (i == reached_[g]) continue;
       for (int b = 0; b < 2; ++b) {
         const double after = backward_[at(g, stateIndex(i + 1, k + 1 + b))];
         if (after != kNone && bitScore_[b][s] != kNone) {

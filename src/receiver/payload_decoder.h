@@ -24,8 +24,9 @@ struct Payload {
   double confidence = 0;  // the weakest bit's margin, 0..1
   double amplitude = 0;   // the signal's correlation per sample
   double snrDb = 0;
-  double fit = 0;       // the sequence's score: which of several readings is best
-  double cleanBit = 0;  // the score of one clean 0-bit at this level
+  double fit = 0;        // the sequence's score: which of several readings is best
+  double cleanBit = 0;   // the score of one clean 0-bit at this level
+  bool command = false;  // the bits have a command's layout and even parity
   int polarity = 1;
   // The best reading with the other polarity, if any.
   std::shared_ptr<Payload> inverted;
@@ -59,6 +60,8 @@ class PayloadDecoder {
     }
   };
   static std::vector<Layout> layouts();
+  static constexpr int kMostLayouts = 8;
+  bool isCommand(const std::string& bits) const;
   int at(int layout, int state) const { return layout * statesPerLayout_ + state; }
 
   struct Start {
@@ -102,6 +105,7 @@ class PayloadDecoder {
   const double onsetSlack_;  // how late after the onset the first bit may begin
   const std::vector<Layout> layouts_;
   const int statesPerLayout_;
+  bool constrained_ = true;  // searches follow the commands' layouts, or any bits only
   std::vector<double> prefix_;
   double lastStep_ = 0;  // the last index where prefix_ can interpolate
   double level_ = 0;
@@ -112,6 +116,8 @@ class PayloadDecoder {
   // k in i..2i.
   std::vector<double> score_, backward_, bitScore_[2];
   std::vector<Clock> clock_;
+  std::vector<char> alive_;   // per layout: some state still within the beam
+  std::vector<int> reached_;  // per layout: the last level whose states are set
   std::vector<std::uint8_t> bit_;
 };
 

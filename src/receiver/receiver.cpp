@@ -279,7 +279,7 @@ struct Receiver::State {
   }
 
   static void discount(receiver::Payload& reading, const receiver::Payload& best) {
-    if (reading.cleanBit <= 0) return;
+    if (reading.cleanBit <= 0 || !best.command) return;
     reading.confidence -= std::max(0.0, best.fit - reading.fit) / reading.cleanBit;
     reading.confidence = std::max(0.0, reading.confidence);
   }
@@ -290,8 +290,8 @@ struct Receiver::State {
       const auto [a, b] = choose(*it, payload);
       if (a->bits != b->bits && std::next(it) != recent.end()) continue;  // a nearer one may agree
       receiver::Payload first = *a, second = *b;
-      // A repetition read with the polarity that fits it less well is only
-      // as certain as that difference allows.
+      // A repetition read with the polarity that fits it less well than a
+      // command does is only as certain as that difference allows.
       discount(first, *it);
       discount(second, payload);
       // Two readings that do not make a command: their sum may, read once
