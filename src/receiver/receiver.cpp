@@ -13,6 +13,7 @@
 
 #include "receiver/activity.h"
 #include "receiver/band_pass.h"
+#include "receiver/equaliser.h"
 #include "receiver/payload_decoder.h"
 #include "receiver/transmission.h"
 
@@ -33,6 +34,9 @@ constexpr double kBeforeRun = 0.006, kAfterRun = 0.002;  // seconds of context
 // Samples kept around a payload, and how far its repetition may be from
 // where the two readings put it (a 0-bit and more).
 constexpr double kWaveMargin = 60, kAlignSlack = 30;
+// The equaliser's reach, in samples at 44100 Hz: a little ahead, and back
+// over reflections up to about 1.3 ms.
+constexpr double kEqualiserAhead = 8, kEqualiserBack = 56;
 // How much of the first repetition's power the second must show at its end.
 constexpr double kPresentTail = 0.25;
 
@@ -176,8 +180,16 @@ struct Receiver::State {
       level /= static_cast<double>(b - a);
       auto payload = decoder.decode(signal, origin, onset, end, level);
       if (!payload) return;
+      const std::vector<float>* read = &signal;
+      if (!payload->command || payload->confidence < receiver::kConfidentMargin) {
+        auto better = equalised(signal, origin, onset, end, a, b, *payload);
+        if (better && better->command && better->confidence > payload->confidence) {
+          payload = std::move(better);
+          read = &equalisedSignal;
+        }
+      }
       const double payloadEnd = payload->end;
-      keepWave(*payload, signal, origin);
+      keepWave(*payload, *read, origin);
       onPayload(std::move(*payload));
       // Whatever follows within the segment: the next activity after a pause.
       const double from = payloadEnd + 300 * scale;
@@ -192,6 +204,42 @@ struct Receiver::State {
       if (next < 0) return;
       onset = next;
     }
+  }
+
+  // The payload read again through the filter that turns the stretch into
+  // what the first reading says was sent.
+  std::optional<receiver::Payload> equalised(const std::vector<float>& signal, std::uint64_t origin,
+                                             double onset, double end, std::size_t a, std::size_t b,
+                                             const receiver::Payload& first) {
+    const double margin = kWaveMargin * scale;
+    const auto from =
+        static_cast<std::size_t>(std::clamp(first.start - margin - static_cast<double>(origin), 0.0,
+                                            static_cast<double>(signal.size())));
+    const auto to = static_cast<std::size_t>(
+        std::clamp(first.end + margin - static_cast<double>(origin), static_cast<double>(from),
+                   static_cast<double>(signal.size())));
+    // The clean signal the reading stands for, band-limited as the received one.
+    std::vector<float> wanted(to - from, 0.0f);
+    const double unit = 20 * scale;  // a 0-bit
+    double bitStart = first.start - static_cast<double>(origin + from);
+    for (char bit : first.bits) {
+      const double length = unit * (bit == '1' ? 2 : 1);
+      for (auto i = static_cast<std::ptrdiff_t>(std::ceil(std::max(0.0, bitStart)));
+           i < static_cast<std::ptrdiff_t>(wanted.size()) && i < bitStart + length; ++i) {
+        wanted[i] = static_cast<float>(first.polarity * (i < bitStart + length / 2 ? 1 : -1));
+      }
+      bitStart += length;
+    }
+    bandPass.apply(wanted);
+    receiver::Equaliser equaliser(static_cast<int>(std::lround(kEqualiserAhead * scale)),
+                                  static_cast<int>(std::lround(kEqualiserBack * scale)));
+    if (!equaliser.learn(signal.data() + from, wanted.data(), wanted.size())) return std::nullopt;
+    equalisedSignal = signal;
+    equaliser.apply(equalisedSignal);
+    double level = 0;
+    for (std::size_t i = a; i < b; ++i) level += std::fabs(equalisedSignal[i]);
+    level /= static_cast<double>(b - a);
+    return decoder.decode(equalisedSignal, origin, onset, end, level);
   }
 
   void keepWave(receiver::Payload& payload, const std::vector<float>& signal,
@@ -361,6 +409,7 @@ struct Receiver::State {
   std::vector<const float*> pointers;
   std::uint64_t written = 0;
   std::size_t fill = 0;  // samples of the block being filled
+  std::vector<float> equalisedSignal;
   std::vector<receiver::Payload> recent;
   std::optional<Reported> last;
   std::vector<Transmission> decoded;
