@@ -1,8 +1,12 @@
 #include <nimbara/api/command.h>
 #include <nimbara/device/operations.h>
+#include <nimbara/frame/frame.h>
+#include <nimbara/frame/protocol_unit.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/wav_device.h>
 #include <nimbara/receiver/receiver.h>
+#include <nimbara/signal/playback.h>
+#include <nimbara/signal/signal_units.h>
 #include <nimbara/tank/TankId.h>
 
 #include <gtest/gtest.h>
@@ -301,6 +305,40 @@ TEST(Receiver, AnEchoIsNotASecondTransmission) {
         EXPECT_EQ(t.red, 12) << delayMs << " ms";
       }
     }
+  }
+}
+
+// Short reflections smear every bit into the next: a phone on a table, a
+// small room. Each operation still reads exactly, and only once.
+TEST(Receiver, ReadsThroughShortReflections) {
+  for (const auto& [delay, strength] : {std::pair{13, 0.6f}, {44, 0.4f}}) {
+    for (const Case& c : everyOperation()) {
+      const Signal direct = withSilence(played(c.operation), 3000, 3000);
+      Signal room = direct;
+      for (std::size_t i = delay; i < room.size(); ++i) room[i] += strength * direct[i - delay];
+      const std::string path = std::to_string(delay) + " samples of reflection";
+      expectDecoded(receive(room, 44100), c, path.c_str());
+    }
+  }
+}
+
+// A frame with an opcode no command has is reported as what it is, not as
+// the nearest command the receiver knows.
+TEST(Receiver, AnUnknownOpcodeIsNotMadeACommand) {
+  for (std::uint8_t opcode : {6, 7, 0x80}) {
+    const Signal signal = withSilence(played([opcode] {
+                                        initProtocolUnit();
+                                        FrameNode* frame =
+                                            buildProtocol(create8bitProtocolUnit(opcode),
+                                                          create32bitProtocolUnit(42));
+                                        executeFunction(frame, 0, 2 * 5000, nullptr);
+                                      }),
+                                      2000, 2000);
+    const auto received = receive(signal, 44100);
+    ASSERT_EQ(received.size(), 1u) << int(opcode);
+    EXPECT_TRUE(received[0].damaged) << int(opcode);
+    EXPECT_EQ(received[0].command, "unknown") << int(opcode);
+    EXPECT_EQ(received[0].opcode, opcode);
   }
 }
 

@@ -34,6 +34,10 @@ constexpr int kStartMoves = 2;
 // A reading of any bits this sure that is a command needs no search over the
 // commands' layouts.
 constexpr double kSureMargin = 0.3;
+// A bit's own score (its correlation less the cost of the time it covers)
+// may fall this far below zero, in clean 0-bits, before it counts against
+// the reading's confidence.
+constexpr double kOwnBitAllowance = 0.5;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
@@ -129,10 +133,7 @@ double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd, bo
   return best - before;
 }
 
-std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
-                                              std::uint64_t origin, double onset, double searchEnd,
-                                              double level) {
-  if (signal.empty() || level <= 0) return std::nullopt;
+void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
   prefix_.resize(signal.size() + 1);
   prefix_[0] = 0;
   for (std::size_t i = 0; i < signal.size(); ++i) prefix_[i + 1] = prefix_[i] + signal[i];
@@ -141,6 +142,38 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   level_ = level;
   bias_ = kBias * level;
   shiftCost_ = kShiftCost * level;
+}
+
+double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t origin,
+                                 double start, int polarity, const std::string& bits,
+                                 double level) {
+  if (signal.empty() || level <= 0) return std::numeric_limits<double>::infinity();
+  prepare(signal, level);
+  const double t0 = start - static_cast<double>(origin);
+  // The given bits, each re-timed as a search would.
+  Clock clock{t0, 0};
+  double fit = 0;
+  for (char bit : bits) {
+    const int b = bit == '1';
+    double scores[2];
+    Clock next[2];
+    scoreBits(clock, polarity, true, scores, next);
+    fit += scores[b];
+    clock = next[b];
+  }
+  fit -= bitLike(clock.time, 1) + bitLike(t0, -1);
+  // Any bits, over no more time than the given ones took.
+  constrained_ = false;
+  const auto best = searchSequences(t0, polarity, clock.time + half_[0], false);
+  const double cleanBit = level_ * 2 * half_[0];
+  return best ? std::max(0.0, best->fit - fit) / cleanBit : 0.0;
+}
+
+std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
+                                              std::uint64_t origin, double onset, double searchEnd,
+                                              double level) {
+  if (signal.empty() || level <= 0) return std::nullopt;
+  prepare(signal, level);
   const double relativeOnset = onset - static_cast<double>(origin);
   // The run ends with the last block that was active: the last bit may reach
   // up to a block further.
@@ -207,6 +240,8 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
       // whose shifted twin fits nearly as well is no more certain than that.
       for (const auto& twin : twins) {
         if (!twin || twin->bits == payload->bits) continue;
+        // A command is not put in doubt by a shifted reading that is none.
+        if (isCommand(payload->bits) && !isCommand(twin->bits)) continue;
         const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
         payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
       }
@@ -408,10 +443,12 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   const int g = best.layout;
   Payload payload;
   payload.bits.assign(best.bits, '0');
+  double weakestOwn = std::numeric_limits<double>::infinity();  // the least bit-like bit
   for (int i = best.bits, k = best.units; i > 0; --i) {
     const int b = bit_[at(g, stateIndex(i, k))];
     payload.bits[i - 1] = static_cast<char>('0' + b);
     k -= 1 + b;
+    weakestOwn = std::min(weakestOwn, bitScore_[b][at(g, stateIndex(i - 1, k))]);
   }
   payload.start = t0;
   payload.polarity = polarity;
@@ -460,6 +497,9 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   weakest = fixed && unexplained > 0 ? 0 : weakest - unexplained;
   // Against the stretch's level rather than the path's own correlation, which
   // noise inflates by always picking the better of two waveforms.
+  // A bit that hardly looks like one (what a layout's parity or length
+  // forced onto a stretch that carried other bits) is no reading either.
+  weakest = std::min(weakest, weakestOwn + kOwnBitAllowance * cleanBit);
   payload.confidence = cleanBit > 0 ? std::clamp(weakest / cleanBit, 0.0, 1.0) : 0.0;
   return payload;
 }

@@ -46,7 +46,14 @@ class PayloadDecoder {
   std::optional<Payload> decode(const std::vector<float>& signal, std::uint64_t origin,
                                 double onset, double searchEnd, double level);
 
+  // How many clean 0-bits worse `bits`, read from `start` with `polarity`,
+  // fit the stretch than the best reading of any bits from there.
+  double shortfall(const std::vector<float>& signal, std::uint64_t origin, double start,
+                   int polarity, const std::string& bits, double level);
+
  private:
+  void prepare(const std::vector<float>& signal, double level);
+
   // Which payloads a search may end in: fixed leading bits, the lengths, and
   // whether the parity must be even.
   struct Layout {

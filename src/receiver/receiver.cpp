@@ -37,6 +37,9 @@ constexpr double kWaveMargin = 60, kAlignSlack = 30;
 // The equaliser's reach, in samples at 44100 Hz: a little ahead, and back
 // over reflections up to about 1.3 ms.
 constexpr double kEqualiserAhead = 8, kEqualiserBack = 56;
+// How many clean 0-bits worse the sum's reading may fit each repetition
+// alone than that repetition's own best reading.
+constexpr double kCombinedShortfall = 1.5;
 // How much of the first repetition's power the second must show at its end.
 constexpr double kPresentTail = 0.25;
 
@@ -302,6 +305,22 @@ struct Receiver::State {
     level /= static_cast<double>(std::max<std::ptrdiff_t>(1, a));
     auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, level);
     if (!combined) return std::nullopt;
+    // Each repetition alone must bear the sum's reading out: noise costs it
+    // a little, a repetition that carried other bits a lot.
+    const auto alone = [&](const receiver::Payload& repetition, double start, int polarity) {
+      double level = 0;
+      for (float x : repetition.wave) level += std::fabs(x);
+      level /= static_cast<double>(std::max<std::size_t>(1, repetition.wave.size()));
+      return decoder.shortfall(repetition.wave, repetition.waveStart, start, polarity,
+                               combined->bits, level);
+    };
+    const double secondStart = combined->start - static_cast<double>(first.waveStart) +
+                               static_cast<double>(bestShift) +
+                               static_cast<double>(second.waveStart);
+    const double shortfalls[2] = {
+        alone(first, combined->start, combined->polarity),
+        alone(second, secondStart, sign > 0 ? combined->polarity : -combined->polarity)};
+    if (std::max(shortfalls[0], shortfalls[1]) > kCombinedShortfall) return std::nullopt;
     // Its place is the first repetition's.
     combined->inverted.reset();
     return combined;

@@ -1,14 +1,18 @@
 /* The receiver: turns the accessory's audio back into commands. It finds the
  * two payloads of each transmission by their energy, band-passes them, reads
  * each as the sequence of 0-bits (one square period of 20 samples at 44100 Hz)
- * and 1-bits (40 samples) of a valid length that correlates best, checks each
- * repetition's even parity, that both repetitions agree and that every bit won
- * by a clear margin, and decodes the command's arguments. It copes with gain,
- * either polarity, offsets and hum, resampling down to 8000 Hz, band limits,
- * lossy codecs, rooms and echoes, clock error, noise and interference; weaker
- * copies close behind a transmission are taken for echoes. Memory is bounded
- * and a transmission is reported a few milliseconds after it ends. Plain C++,
- * single-threaded. */
+ * and 1-bits (40 samples) that correlates best: first as any bits of a valid
+ * length, then, unless that reading is a clear command, within the commands'
+ * layouts (opcode, length, even parity), and once more through a short filter
+ * learnt from that reading when reflections or band shaping smear the bits.
+ * It checks each repetition's even parity, that both repetitions agree and
+ * that every bit won by a clear margin; when the repetitions disagree, their
+ * sum is read, and counts only if it reads more clearly still. It copes with
+ * gain, either polarity, offsets and hum, resampling down to 8000 Hz, band
+ * limits, lossy codecs, rooms and echoes, clock error, noise and
+ * interference; weaker copies close behind a transmission are taken for
+ * echoes. Memory is bounded and a transmission is reported a few milliseconds
+ * after it ends. Plain C++, single-threaded. */
 #ifndef NIMBARA_RECEIVER_RECEIVER_H
 #define NIMBARA_RECEIVER_RECEIVER_H
 
@@ -48,7 +52,8 @@ struct Transmission {
    * layout no command has. Its fields are then those of the first repetition
    * as far as they could be read. */
   bool damaged = true;
-  /** The bits of each repetition: command, parameter and parity. */
+  /** The bits of each repetition: command, parameter and parity (when only
+   * the repetitions' sum read as a command, its bits in both). */
   std::string bits[2];
   /** How sure the receiver is, from 0 to 1: the weakest bit's margin (how
    * much worse the best reading with that bit flipped, or with the start one
