@@ -79,6 +79,7 @@ verb_round_trip "puff rgb(1, 2, 3) special 0 time 500 ms without asking for the 
   puff 1 2 3 --no-tank
 verb_round_trip "spray time 300 ms" spray 300
 verb_round_trip "spray time -300 ms" spray -300
+verb_round_trip "spray time -1 ms" spray -1  # sixteen 1-bits in a row
 verb_round_trip "state" state
 verb_round_trip "tank" tank
 verb_round_trip "echo number 10" echo 010
