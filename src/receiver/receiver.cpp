@@ -40,6 +40,8 @@ constexpr double kEqualiserAhead = 8, kEqualiserBack = 56;
 // How many clean 0-bits worse the sum's reading may fit each repetition
 // alone than that repetition's own best reading.
 constexpr double kCombinedShortfall = 1.5;
+// Seconds the band-pass needs to settle before a partner's window.
+constexpr double kFilterSettle = 0.002;
 // How much of the first repetition's power the second must show at its end.
 constexpr double kPresentTail = 0.25;
 
@@ -263,6 +265,7 @@ struct Receiver::State {
 
   // Both repetitions added up, aligned where their waveforms match best and
   // with the same polarity: the noise adds up at random, the bits do not.
+  // Their sum's reading, if it is a command read clearly.
   std::optional<receiver::Payload> combine(const receiver::Payload& first,
                                            const receiver::Payload& second) {
     if (first.wave.empty() || second.wave.empty()) return std::nullopt;
@@ -304,7 +307,10 @@ struct Receiver::State {
     }
     level /= static_cast<double>(std::max<std::ptrdiff_t>(1, a));
     auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, level);
-    if (!combined) return std::nullopt;
+    if (!combined || combined->confidence < receiver::kCombinedMargin ||
+        receiver::assemble(*combined, &*combined, rate).damaged) {
+      return std::nullopt;
+    }
     // Each repetition alone must bear the sum's reading out: noise costs it
     // a little, a repetition that carried other bits a lot.
     const auto alone = [&](const receiver::Payload& repetition, double start, int polarity) {
@@ -364,9 +370,7 @@ struct Receiver::State {
       // Two readings that do not make a command: their sum may, read once
       // more, if it reads clearly.
       if (receiver::assemble(first, &second, rate).damaged) {
-        auto combined = combine(*it, payload);
-        if (combined && combined->confidence >= receiver::kCombinedMargin &&
-            !receiver::assemble(*combined, &*combined, rate).damaged) {
+        if (auto combined = combine(*it, payload)) {
           first = *combined, second = *combined;
           second.start = b->start, second.end = b->end;
         }
@@ -395,16 +399,53 @@ struct Receiver::State {
     }
   }
 
+  // A repetition whose partner was not read, or not read as one: the
+  // partner's place follows from the repetition's own length, and the two
+  // are added up there, as a partner of either polarity.
+  bool readWithPartner(const receiver::Payload& found) {
+    const double length = found.end - found.start;
+    const double gap = kStopAndSilence * scale;
+    const double margin = kWaveMargin * scale, settle = kFilterSettle * rate;
+    const double oldest = written > capacity ? static_cast<double>(written - capacity) : 0.0;
+    for (const double start : {found.end + gap, found.start - gap - length}) {
+      const double from = std::floor(start - margin - settle);
+      const double to = std::ceil(start + length + margin);
+      if (from < oldest || to > static_cast<double>(written)) continue;
+      receiver::Payload partner;
+      partner.wave = combinedBand(static_cast<std::uint64_t>(from), static_cast<std::uint64_t>(to));
+      const auto settled = static_cast<std::ptrdiff_t>(settle);
+      partner.wave.erase(partner.wave.begin(), partner.wave.begin() + settled);
+      partner.waveStart = static_cast<std::uint64_t>(from) + settled;
+      partner.start = start;
+      partner.end = start + length;
+      for (const int polarity : {found.polarity, -found.polarity}) {
+        partner.polarity = polarity;
+        const bool before = start < found.start;
+        auto combined = before ? combine(partner, found) : combine(found, partner);
+        if (!combined) continue;
+        receiver::Payload first = *combined, second = *combined;
+        second.start = before ? found.start : start;
+        second.end = before ? found.end : start + length;
+        emit(receiver::assemble(first, &second, rate), first.start, second.end, found.amplitude);
+        return true;
+      }
+    }
+    return false;
+  }
+
   void reportUnpaired(const receiver::Payload& payload) {
+    if (readWithPartner(payload)) return;
     if (payload.confidence < kReportableMargin || payload.snrDb < kReportableSnrDb) return;
     emit(receiver::assemble(payload, nullptr, rate), payload.start, payload.end, payload.amplitude);
   }
 
   void emit(Transmission transmission, double start, double end, double amplitude) {
     // An echo: a copy no stronger than a transmission just reported, or a
-    // much weaker damaged stretch, close behind or inside it.
+    // much weaker damaged stretch, close behind or inside it. The same bits
+    // within the transmission itself are that transmission, read again.
     if (last && start >= last->start && start - last->end < kEchoHoldOffSeconds * rate) {
-      const bool copy = transmission.bits[0] == last->bits && amplitude <= 1.1 * last->amplitude;
+      const bool same = transmission.bits[0] == last->bits;
+      const bool copy = same && (amplitude <= 1.1 * last->amplitude || start < last->end);
       const bool weakDebris = transmission.damaged && amplitude < 0.7 * last->amplitude;
       if (copy || weakDebris) return;
     }
