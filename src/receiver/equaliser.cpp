@@ -96,4 +96,20 @@ void Equaliser::apply(std::vector<float>& x) const {
   x = std::move(y);
 }
 
+std::vector<float> cleanSignal(const std::string& bits, int polarity, double start,
+                               std::size_t count, double scale) {
+  std::vector<float> clean(count, 0.0f);
+  const double unit = 20 * scale;  // a 0-bit
+  const auto size = static_cast<std::ptrdiff_t>(count);
+  for (char bit : bits) {
+    const double length = unit * (bit == '1' ? 2 : 1);
+    for (auto i = static_cast<std::ptrdiff_t>(std::ceil(std::max(0.0, start)));
+         i < size && i < start + length; ++i) {
+      clean[i] = static_cast<float>(polarity * (i < start + length / 2 ? 1 : -1));
+    }
+    start += length;
+  }
+  return clean;
+}
+
 }  // namespace nimbara::receiver

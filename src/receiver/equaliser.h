@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 namespace nimbara::receiver {
@@ -25,5 +26,11 @@ class Equaliser {
   const int before_, after_;
   std::vector<double> taps_;  // taps_[j] weighs x[n + before - j]
 };
+
+// The clean signal of `bits` (0-bits of 20 samples at 44100 Hz, 1-bits of
+// 40, each half high then half low, inverted for a negative polarity) from
+// sample `start` of a stretch of `count` samples; zero elsewhere.
+std::vector<float> cleanSignal(const std::string& bits, int polarity, double start,
+                               std::size_t count, double scale);
 
 }  // namespace nimbara::receiver

@@ -15,6 +15,7 @@
 #include "receiver/band_pass.h"
 #include "receiver/equaliser.h"
 #include "receiver/payload_decoder.h"
+#include "receiver/repetition_sum.h"
 #include "receiver/transmission.h"
 
 namespace nimbara {
@@ -31,19 +32,13 @@ constexpr double kEchoHoldOffSeconds = 0.15;
 constexpr double kReportableMargin = 0.1;
 constexpr double kReportableSnrDb = 3;
 constexpr double kBeforeRun = 0.006, kAfterRun = 0.002;  // seconds of context
-// Samples kept around a payload, and how far its repetition may be from
-// where the two readings put it (a 0-bit and more).
-constexpr double kWaveMargin = 60, kAlignSlack = 30;
+// Samples kept around a payload, at 44100 Hz.
+constexpr double kWaveMargin = 60;
 // The equaliser's reach, in samples at 44100 Hz: a little ahead, and back
 // over reflections up to about 1.3 ms.
 constexpr double kEqualiserAhead = 8, kEqualiserBack = 56;
-// How many clean 0-bits worse the sum's reading may fit each repetition
-// alone than that repetition's own best reading.
-constexpr double kCombinedShortfall = 1.5;
 // Seconds the band-pass needs to settle before a partner's window.
 constexpr double kFilterSettle = 0.002;
-// How much of the first repetition's power the second must show at its end.
-constexpr double kPresentTail = 0.25;
 
 }  // namespace
 
@@ -224,17 +219,9 @@ struct Receiver::State {
         std::clamp(first.end + margin - static_cast<double>(origin), static_cast<double>(from),
                    static_cast<double>(signal.size())));
     // The clean signal the reading stands for, band-limited as the received one.
-    std::vector<float> wanted(to - from, 0.0f);
-    const double unit = 20 * scale;  // a 0-bit
-    double bitStart = first.start - static_cast<double>(origin + from);
-    for (char bit : first.bits) {
-      const double length = unit * (bit == '1' ? 2 : 1);
-      for (auto i = static_cast<std::ptrdiff_t>(std::ceil(std::max(0.0, bitStart)));
-           i < static_cast<std::ptrdiff_t>(wanted.size()) && i < bitStart + length; ++i) {
-        wanted[i] = static_cast<float>(first.polarity * (i < bitStart + length / 2 ? 1 : -1));
-      }
-      bitStart += length;
-    }
+    std::vector<float> wanted =
+        receiver::cleanSignal(first.bits, first.polarity,
+                              first.start - static_cast<double>(origin + from), to - from, scale);
     bandPass.apply(wanted);
     receiver::Equaliser equaliser(static_cast<int>(std::lround(kEqualiserAhead * scale)),
                                   static_cast<int>(std::lround(kEqualiserBack * scale)));
@@ -261,75 +248,6 @@ struct Receiver::State {
                                                         static_cast<double>(signal.size())));
     payload.wave.assign(signal.begin() + from, signal.begin() + to);
     payload.waveStart = origin + from;
-  }
-
-  // Both repetitions added up, aligned where their waveforms match best and
-  // with the same polarity: the noise adds up at random, the bits do not.
-  // Their sum's reading, if it is a command read clearly.
-  std::optional<receiver::Payload> combine(const receiver::Payload& first,
-                                           const receiver::Payload& second) {
-    if (first.wave.empty() || second.wave.empty()) return std::nullopt;
-    const float sign = first.polarity == second.polarity ? 1.0f : -1.0f;
-    const auto expected = static_cast<std::ptrdiff_t>(std::llround(second.start - first.start)) -
-                          (static_cast<std::ptrdiff_t>(second.waveStart) -
-                           static_cast<std::ptrdiff_t>(first.waveStart));
-    const auto slack = static_cast<std::ptrdiff_t>(std::llround(kAlignSlack * scale));
-    const auto a = static_cast<std::ptrdiff_t>(first.wave.size());
-    const auto b = static_cast<std::ptrdiff_t>(second.wave.size());
-    std::ptrdiff_t bestShift = expected;
-    double bestDot = -1e300;
-    for (std::ptrdiff_t shift = expected - slack; shift <= expected + slack; ++shift) {
-      double dot = 0;
-      for (std::ptrdiff_t i = std::max<std::ptrdiff_t>(0, -shift); i < a && i + shift < b; ++i) {
-        dot += static_cast<double>(first.wave[i]) * second.wave[i + shift];
-      }
-      dot *= sign;
-      if (dot > bestDot) bestDot = dot, bestShift = shift;
-    }
-    // The second repetition must be there for the whole payload, to its
-    // last quarter: a cut one does not count.
-    const auto p0 =
-        static_cast<std::ptrdiff_t>(first.start) - static_cast<std::ptrdiff_t>(first.waveStart);
-    const auto p1 =
-        static_cast<std::ptrdiff_t>(first.end) - static_cast<std::ptrdiff_t>(first.waveStart);
-    if (p0 < 0 || p1 > a || p0 + bestShift < 0 || p1 + bestShift > b) return std::nullopt;
-    double tailFirst = 0, tailSecond = 0;
-    for (std::ptrdiff_t i = p1 - (p1 - p0) / 4; i < p1; ++i) {
-      tailFirst += static_cast<double>(first.wave[i]) * first.wave[i];
-      tailSecond += static_cast<double>(second.wave[i + bestShift]) * second.wave[i + bestShift];
-    }
-    if (!(tailSecond >= kPresentTail * tailFirst)) return std::nullopt;
-    std::vector<float> sum = first.wave;
-    double level = 0;
-    for (std::ptrdiff_t i = 0; i < a; ++i) {
-      if (i + bestShift >= 0 && i + bestShift < b) sum[i] += sign * second.wave[i + bestShift];
-      level += std::fabs(sum[i]);
-    }
-    level /= static_cast<double>(std::max<std::ptrdiff_t>(1, a));
-    auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, level);
-    if (!combined || combined->confidence < receiver::kCombinedMargin ||
-        receiver::assemble(*combined, &*combined, rate).damaged) {
-      return std::nullopt;
-    }
-    // Each repetition alone must bear the sum's reading out: noise costs it
-    // a little, a repetition that carried other bits a lot.
-    const auto alone = [&](const receiver::Payload& repetition, double start, int polarity) {
-      double level = 0;
-      for (float x : repetition.wave) level += std::fabs(x);
-      level /= static_cast<double>(std::max<std::size_t>(1, repetition.wave.size()));
-      return decoder.shortfall(repetition.wave, repetition.waveStart, start, polarity,
-                               combined->bits, level);
-    };
-    const double secondStart = combined->start - static_cast<double>(first.waveStart) +
-                               static_cast<double>(bestShift) +
-                               static_cast<double>(second.waveStart);
-    const double shortfalls[2] = {
-        alone(first, combined->start, combined->polarity),
-        alone(second, secondStart, sign > 0 ? combined->polarity : -combined->polarity)};
-    if (std::max(shortfalls[0], shortfalls[1]) > kCombinedShortfall) return std::nullopt;
-    // Its place is the first repetition's.
-    combined->inverted.reset();
-    return combined;
   }
 
   // The readings of two repetitions to report: the pair
@@ -370,7 +288,7 @@ struct Receiver::State {
       // Two readings that do not make a command: their sum may, read once
       // more, if it reads clearly.
       if (receiver::assemble(first, &second, rate).damaged) {
-        if (auto combined = combine(*it, payload)) {
+        if (auto combined = receiver::readSum(decoder, *it, payload, rate)) {
           first = *combined, second = *combined;
           second.start = b->start, second.end = b->end;
         }
@@ -421,7 +339,8 @@ struct Receiver::State {
       for (const int polarity : {found.polarity, -found.polarity}) {
         partner.polarity = polarity;
         const bool before = start < found.start;
-        auto combined = before ? combine(partner, found) : combine(found, partner);
+        auto combined = before ? receiver::readSum(decoder, partner, found, rate)
+                               : receiver::readSum(decoder, found, partner, rate);
         if (!combined) continue;
         receiver::Payload first = *combined, second = *combined;
         second.start = before ? found.start : start;
