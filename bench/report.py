@@ -150,8 +150,8 @@ print("""
 - **Receiver speed.** Only a comb filter's energy per millisecond block runs
   on every sample (vectorised); a stretch that stands out of the noise floor
   is band-passed and decoded on its own. A payload is first read as any bits
-  (a search over the lattice of bit sequences from the best two starts, and
-  from the starts one 0-bit off); only a reading that is no sure command is
+  (a search over the lattice of bit sequences from the best start of each
+  polarity and one 0-bit either side); only a reading that is no sure command is
   searched again within the commands' layouts, filtered by an equaliser
   learnt from that reading, or added up with its other repetition. A clean
   or lightly noisy stream therefore costs what the plain search costs; the
