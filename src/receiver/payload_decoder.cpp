@@ -1,7 +1,5 @@
 #include "receiver/payload_decoder.h"
 
-#include <nimbara/api/command.h>
-
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -11,8 +9,6 @@ namespace nimbara::receiver {
 namespace {
 
 constexpr double kReferenceRate = 44100.0;
-constexpr int kLongestPayload = 57;
-constexpr int kPayloadLengths[] = {17, 25, 41, 57};
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 // A covered sample costs this share of the stretch's level: a bit in a
 // reverberation tail or in noise does not pay for itself.
@@ -57,7 +53,7 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
       half_{10 * scale_, 20 * scale_},
       step_(0.5 * scale_),
       onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))),
-      layouts_(layouts()),
+      layouts_(payloadLayouts()),
       statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
   if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
   const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
@@ -241,7 +237,8 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
       for (const auto& twin : twins) {
         if (!twin || twin->bits == payload->bits) continue;
         // A command is not put in doubt by a shifted reading that is none.
-        if (isCommand(payload->bits) && !isCommand(twin->bits)) continue;
+        if (isCommandPayload(layouts_, payload->bits) && !isCommandPayload(layouts_, twin->bits))
+          continue;
         const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
         payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
       }
@@ -251,7 +248,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // the commands' layouts would read too. Otherwise the layouts decide.
   read(false);
   const auto sure = [&](const std::optional<Payload>& p) {
-    return p && p->confidence >= kSureMargin && isCommand(p->bits);
+    return p && p->confidence >= kSureMargin && isCommandPayload(layouts_, p->bits);
   };
   const bool firstBetter =
       !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit);
@@ -291,46 +288,9 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
   const double total = power(best->start, best->end);
   best->snrDb = std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
                            -20.0, 99.0);
-  best->command = isCommand(best->bits);
+  best->command = isCommandPayload(layouts_, best->bits);
   best->start += static_cast<double>(origin);
   best->end += static_cast<double>(origin);
-}
-
-// The layouts a payload can have: each command's opcode (for the state and
-// tank requests, their whole fixed payload) with the lengths it comes in and
-// even parity; and, last, any bits of any valid length, which tells a layout
-// no command has.
-std::vector<PayloadDecoder::Layout> PayloadDecoder::layouts() {
-  std::vector<Layout> result;
-  for (unsigned opcode = 0; opcode < 256; ++opcode) {
-    Layout layout;
-    for (unsigned bit = 0; bit < 8; ++bit) layout.prefix += (opcode >> (7 - bit)) & 1 ? '1' : '0';
-    for (unsigned parameterBits : {8u, 16u, 32u, 48u}) {
-      if (std::string(verbOfOpcode(opcode, parameterBits, nullptr)) == "unknown") continue;
-      layout.ends[9 + parameterBits] = true;
-      // A request's parameter is eight 0-bits, so its parity is the opcode's.
-      if (parameterBits == 8) {
-        const auto ones = std::count(layout.prefix.begin(), layout.prefix.end(), '1');
-        layout.prefix += std::string(8, '0') + (ones % 2 ? '1' : '0');
-      }
-    }
-    if (std::find(layout.ends.begin(), layout.ends.end(), true) == layout.ends.end()) continue;
-    layout.evenParity = true;
-    result.push_back(layout);
-  }
-  Layout any;
-  for (int n : kPayloadLengths) any.ends[n] = true;
-  result.push_back(any);
-  return result;
-}
-
-bool PayloadDecoder::isCommand(const std::string& bits) const {
-  const auto ones = std::count(bits.begin(), bits.end(), '1');
-  return ones % 2 == 0 &&
-         std::any_of(layouts_.begin(), layouts_.end() - 1, [&](const Layout& layout) {
-           return bits.size() < layout.ends.size() && layout.ends[bits.size()] &&
-                  bits.compare(0, layout.prefix.size(), layout.prefix) == 0;
-         });
 }
 
 // Viterbi over the lattice of (layout, bits sent, length so far), each state
@@ -363,7 +323,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     }
     bool any = false;
     for (int g = 0; g < layouts; ++g) {
-      const Layout& layout = layouts_[g];
+      const PayloadLayout& layout = layouts_[g];
       if (!alive_[g]) continue;
       alive_[g] = false;
       if (i >= layout.longest()) continue;
@@ -400,7 +360,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
   // A payload is followed by the stop level and silence: a bit's worth of
   // signal right after the end means the sequence ended too early.
   const auto isEnd = [&](int g, int i, int k) {
-    const Layout& layout = layouts_[g];
+    const PayloadLayout& layout = layouts_[g];
     const int s = at(g, stateIndex(i, k));
     return i <= reached_[g] && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
            score_[s] != kNone && clock_[s].time <= searchEnd + half_[0];

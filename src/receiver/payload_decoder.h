@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "receiver/payload_layout.h"
+
 namespace nimbara::receiver {
 
 struct Payload {
@@ -54,21 +56,7 @@ class PayloadDecoder {
  private:
   void prepare(const std::vector<float>& signal, double level);
 
-  // Which payloads a search may end in: fixed leading bits, the lengths, and
-  // whether the parity must be even.
-  struct Layout {
-    std::string prefix;
-    std::array<bool, 58> ends{};
-    bool evenParity = false;
-    int longest() const {
-      int n = static_cast<int>(ends.size()) - 1;
-      while (n > 0 && !ends[n]) --n;
-      return n;
-    }
-  };
-  static std::vector<Layout> layouts();
   static constexpr int kMostLayouts = 8;
-  bool isCommand(const std::string& bits) const;
   int at(int layout, int state) const { return layout * statesPerLayout_ + state; }
 
   struct Start {
@@ -110,7 +98,7 @@ class PayloadDecoder {
   const double half_[2];
   const double step_;        // the re-timing allowed per bit
   const double onsetSlack_;  // how late after the onset the first bit may begin
-  const std::vector<Layout> layouts_;
+  const std::vector<PayloadLayout> layouts_;
   const int statesPerLayout_;
   bool constrained_ = true;  // searches follow the commands' layouts, or any bits only
   std::vector<double> prefix_;
