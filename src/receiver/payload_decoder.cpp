@@ -165,6 +165,55 @@ double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t
   return best ? std::max(0.0, best->fit - fit) / cleanBit : 0.0;
 }
 
+// The best reading of each polarity from the best ranked starts.
+void PayloadDecoder::readPolarities(const std::vector<Start>& starts, double relativeEnd,
+                                    bool constrained, std::optional<Payload> (&byPolarity)[2]) {
+  constrained_ = constrained;
+  int searched[2] = {0, 0};
+  for (const Start& start : starts) {
+    const int side = start.polarity > 0 ? 0 : 1;
+    if (searched[side] == (constrained ? kStartsKept : 1)) continue;
+    ++searched[side];
+    auto payload = searchSequences(start.time, start.polarity, relativeEnd, false);
+    std::optional<Payload>& best = byPolarity[side];
+    if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
+  }
+  for (auto& payload : byPolarity) {
+    if (payload) settleStart(payload, relativeEnd);
+  }
+}
+
+// Moves a reading's start by whole 0-bits while that reads better, then
+// reads it with its margins.
+void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativeEnd) {
+  // A start a 0-bit off that reads better is the start.
+  std::optional<Payload> twins[2];
+  for (int moves = 0; moves <= kStartMoves; ++moves) {
+    int better = -1;
+    for (int side = 0; side < 2; ++side) {
+      twins[side] = searchSequences(payload->start + (2 * side - 1) * 2 * half_[0],
+                                    payload->polarity, relativeEnd, false);
+      const double fit = better < 0 ? payload->fit : twins[better]->fit;
+      if (twins[side] && twins[side]->fit > fit) better = side;
+    }
+    if (better < 0 || moves == kStartMoves) break;
+    payload = std::move(twins[better]);
+  }
+  payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
+  if (!payload) return;
+  // A run of equal bits at an edge makes a start one 0-bit early or late
+  // look almost as good, and both repetitions fall for it alike: a reading
+  // whose shifted twin fits nearly as well is no more certain than that.
+  for (const auto& twin : twins) {
+    if (!twin || twin->bits == payload->bits) continue;
+    // A command is not put in doubt by a shifted reading that is none.
+    if (isCommandPayload(layouts_, payload->bits) && !isCommandPayload(layouts_, twin->bits))
+      continue;
+    const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
+    payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
+  }
+}
+
 std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
                                               std::uint64_t origin, double onset, double searchEnd,
                                               double level) {
@@ -203,50 +252,9 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // tell the polarities apart. Both are searched, and the best reading of
   // each is kept: the other repetition decides between them.
   std::optional<Payload> byPolarity[2];
-  const auto read = [&](bool constrained) {
-    constrained_ = constrained;
-    int searched[2] = {0, 0};
-    for (const Start& start : starts) {
-      const int side = start.polarity > 0 ? 0 : 1;
-      if (searched[side] == (constrained ? kStartsKept : 1)) continue;
-      ++searched[side];
-      auto payload = searchSequences(start.time, start.polarity, relativeEnd, false);
-      std::optional<Payload>& best = byPolarity[side];
-      if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
-    }
-    for (auto& payload : byPolarity) {
-      if (!payload) continue;
-      // A start a 0-bit off that reads better is the start.
-      std::optional<Payload> twins[2];
-      for (int moves = 0; moves <= kStartMoves; ++moves) {
-        int better = -1;
-        for (int side = 0; side < 2; ++side) {
-          twins[side] = searchSequences(payload->start + (2 * side - 1) * 2 * half_[0],
-                                        payload->polarity, relativeEnd, false);
-          const double fit = better < 0 ? payload->fit : twins[better]->fit;
-          if (twins[side] && twins[side]->fit > fit) better = side;
-        }
-        if (better < 0 || moves == kStartMoves) break;
-        payload = std::move(twins[better]);
-      }
-      payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
-      if (!payload) continue;
-      // A run of equal bits at an edge makes a start one 0-bit early or late
-      // look almost as good, and both repetitions fall for it alike: a reading
-      // whose shifted twin fits nearly as well is no more certain than that.
-      for (const auto& twin : twins) {
-        if (!twin || twin->bits == payload->bits) continue;
-        // A command is not put in doubt by a shifted reading that is none.
-        if (isCommandPayload(layouts_, payload->bits) && !isCommandPayload(layouts_, twin->bits))
-          continue;
-        const double margin = std::max(0.0, payload->fit - twin->fit) / (level_ * 2 * half_[0]);
-        payload->confidence = std::min(payload->confidence, std::clamp(margin, 0.0, 1.0));
-      }
-    }
-  };
   // Any bits first, which is cheap: a clear reading that is a command is what
   // the commands' layouts would read too. Otherwise the layouts decide.
-  read(false);
+  readPolarities(starts, relativeEnd, false, byPolarity);
   const auto sure = [&](const std::optional<Payload>& p) {
     return p && p->confidence >= kSureMargin && isCommandPayload(layouts_, p->bits);
   };
@@ -255,7 +263,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   if (!sure(byPolarity[firstBetter ? 0 : 1])) {
     byPolarity[0].reset();
     byPolarity[1].reset();
-    read(true);
+    readPolarities(starts, relativeEnd, true, byPolarity);
   }
   for (auto& payload : byPolarity) {
     if (payload) finishPayload(*payload, signal, origin);

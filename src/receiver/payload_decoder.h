@@ -90,6 +90,9 @@ class PayloadDecoder {
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
+  void readPolarities(const std::vector<Start>& starts, double relativeEnd, bool constrained,
+                      std::optional<Payload> (&byPolarity)[2]);
+  void settleStart(std::optional<Payload>& payload, double relativeEnd);
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
