@@ -3,8 +3,9 @@
 // with both bit waveforms, and a search over bit sequences finds the sequence
 // of a valid payload length that explains the stretch best, re-timing each
 // bit by a fraction of a sample so that clock error and speed changes are
-// followed. Each bit's margin is how much worse the best sequence with that
-// bit flipped fits.
+// followed. Any bits are read first; a reading that is no sure command is
+// searched again within the commands' layouts. Each bit's margin is how much
+// worse the best sequence with that bit flipped fits.
 #pragma once
 
 #include <algorithm>
