@@ -276,9 +276,10 @@ TEST(Playback, AnOutputFailingAfterTheStartIsTheCallersStatus) {
   }
 }
 
-// A WAV file takes sound as fast as the disk allows: the caller still polls
-// about as often as on a real-time output, and a failing file is a status.
-TEST(Playback, AWavOutputPollsAsARealOneAndReportsAFailingDisk) {
+// A WAV file takes sound as fast as the disk allows: the caller never polls
+// more often than on a real-time output (it may find a transmission already
+// written and not poll at all), and a failing file is a status.
+TEST(Playback, AWavOutputPollsNoMoreThanARealOneAndReportsAFailingDisk) {
   const std::string path = ::testing::TempDir() + "nimbara-poll.wav";
   auto wav = std::make_shared<nimbara::platform::WavDevice>(path);
   nimbara::platform::setBackend(wav);
@@ -288,7 +289,6 @@ TEST(Playback, AWavOutputPollsAsARealOneAndReportsAFailingDisk) {
   const auto lines = log.take();
   const auto polls = std::count_if(lines.begin(), lines.end(),
                                    [](const std::string& l) { return l.rfind("wait...", 0) == 0; });
-  EXPECT_GE(polls, 3);
   EXPECT_LE(polls, 3 * 6);
   // Each transmission's last two buffers are disposed of unheard.
   EXPECT_EQ(wav->frames(), 3u * (17640u - 2 * 735u));
