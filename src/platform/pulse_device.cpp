@@ -27,13 +27,16 @@ namespace {
 
 constexpr std::size_t kBytesPerFrame = 4;
 constexpr double kFramesPerSecond = 44100.0;
-constexpr std::uint32_t kTargetLatencyBytes = 8820;  // 50 ms
+constexpr std::uint32_t kTargetLatencyBytes = 35280;  // 200 ms
 constexpr pa_usec_t kPumpPeriodUsec = 5000;
 constexpr std::size_t kRingBytes = 1u << 16;  // more than all a queue's buffers
 constexpr auto kStallLimit = std::chrono::seconds(2);
 
-// A playback stream's buffering: about 50 ms held by the server, the rest its
-// own choice.
+// A playback stream's buffering: about 200 ms asked of the server, the rest its
+// own choice. pipewire-pulse keeps only part of that as its buffer (a 50 ms
+// request left it 37 ms, and a client thread delayed that long under load
+// made it underrun and insert a quantum of silence); the accessory does not
+// care how late the sound starts, only that it is whole.
 pa_buffer_attr playbackBufferAttr() {
   pa_buffer_attr attr{};
   attr.maxlength = static_cast<std::uint32_t>(-1);
@@ -366,7 +369,7 @@ std::int32_t probeRate(Connection& connection, const std::string& sink, std::uin
     std::atomic<bool> started{false};
   } probe;
   probe.connection.store(&connection, std::memory_order_release);
-  const std::vector<std::uint8_t> silence(6 * kTargetLatencyBytes, 0);  // 300 ms
+  const std::vector<std::uint8_t> silence(13230 * kBytesPerFrame, 0);  // 300 ms
   Connection::Lock lock(connection.loop());
   if (!connection.alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
   pa_stream* stream = newStream(connection.context(), preferredRate, "nimbara rate probe");
