@@ -248,13 +248,6 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
   GTEST_SKIP() << "ThreadSanitizer slows the audio thread too much for real time";
 #endif
   REQUIRE_EXACT_SINK();
-  if (serverKind() == "pipewire") {
-    // Known fault, with or without the load: pipewire-pulse logs underruns of
-    // our stream ("underrun ... avail:1192 max:2048") and drops the late
-    // samples, damaging one or two of a hundred back-to-back transmissions in
-    // most runs. The stream's pacing against pipewire-pulse is still to be fixed.
-    GTEST_SKIP() << "pipewire-pulse underruns the stream in about one transmission in a hundred";
-  }
   nimbara::setLogSink({});
   nimbara::platform::setBackend(std::make_shared<PulseDevice>());
   TempDir dir;
@@ -280,7 +273,8 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
   stop = true;
   for (auto& thread : load) thread.join();
   auto frame = [](int i) { return nimbara::test::ledCommandSignal(4, i, 255 - i, 7, 0, 100, 0); };
-  ASSERT_TRUE(recording.contains(frame(kTransmissions - 1)));
+  // The last one is waited for; one that never arrives is named below.
+  recording.contains(frame(kTransmissions - 1));
   const auto samples = readSamples(dir.path / "monitor.raw");
   std::vector<int> missing;
   for (int i = 0; i < kTransmissions; ++i) {
