@@ -117,11 +117,15 @@ TEST_F(ApiTest, WithoutADeviceRequestsThrowAndQueriesAnswer) {
 
 TEST_F(ApiTest, TheRouteDecidesPresence) {
   NimbaraSDK& sdk = NimbaraSDK::nimbara();
-  for (const char* present : {"HeadsetInOut", "Headphone", "Headphones (USB)", "xHeadphone"}) {
+  // A sound card's sink names its active port after its description.
+  for (const char* present : {"HeadsetInOut", "Headphone", "Headphones (USB)", "xHeadphone",
+                              "Built-in Audio Analog Stereo: Headphones"}) {
     output_->setRoute(present);
     EXPECT_TRUE(sdk.checkDeviceState()) << present;
   }
-  for (const char* absent : {"Speaker", "headphones", "", "HeadsetIn"}) {
+  for (const char* absent :
+       {"Speaker", "headphones", "", "HeadsetIn", "Built-in Audio Analog Stereo: Speakers",
+        "Built-in Audio Analog Stereo: headphones"}) {
     output_->setRoute(absent);
     EXPECT_FALSE(sdk.checkDeviceState()) << absent;
   }
