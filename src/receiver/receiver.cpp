@@ -22,8 +22,10 @@ namespace nimbara {
 namespace {
 
 constexpr double kReferenceRate = 44100.0;
-constexpr double kShortestPayload = 17 * 20 * 0.8;  // samples at 44100 Hz, with slack
-constexpr double kLongestPayload = 57 * 40;
+// In samples at 44100 Hz: every bit a 0-bit (20 samples) with slack, or every
+// bit a 1-bit (40 samples).
+constexpr double kShortestPayload = receiver::kPayloadLengths[0] * 20 * 0.8;
+constexpr double kLongestPayloadSamples = receiver::kLongestPayload * 40;
 constexpr double kStopAndSilence = 5 + 441;
 constexpr double kEchoHoldOffSeconds = 0.15;
 // An unpaired repetition is reported (as damaged) only if it looks like a
@@ -242,7 +244,8 @@ struct Receiver::State {
                                             0.0, static_cast<double>(signal.size())));
     // As far as the longest payload would reach: a reading that ended early
     // may have missed its last bits, which the other repetition can supply.
-    const double reach = std::max(payload.end, payload.start + kLongestPayload * scale) + margin;
+    const double reach =
+        std::max(payload.end, payload.start + kLongestPayloadSamples * scale) + margin;
     const auto to = static_cast<std::size_t>(std::clamp(reach - static_cast<double>(origin),
                                                         static_cast<double>(from),
                                                         static_cast<double>(signal.size())));
@@ -309,7 +312,7 @@ struct Receiver::State {
 
   // A payload that no second repetition followed in time.
   void expirePayloads(bool all) {
-    const double window = (kStopAndSilence * 1.15 + kLongestPayload + 200) * scale +
+    const double window = (kStopAndSilence * 1.15 + kLongestPayloadSamples + 200) * scale +
                           static_cast<double>(4 * block) + kAfterRun * rate;
     while (!recent.empty() && (all || static_cast<double>(written) - recent.front().end > window)) {
       reportUnpaired(recent.front());
