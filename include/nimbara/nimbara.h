@@ -14,6 +14,7 @@
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/signal/playback.h>
 #include <nimbara/signal/renderer.h>
+#include <nimbara/signal/signal_format.h>
 #include <nimbara/signal/signal_units.h>
 #include <nimbara/tank/base64.h>
 

@@ -8,6 +8,7 @@
 #include <nimbara/export.h>
 #include <nimbara/frame/frame.h>
 #include <nimbara/platform/audio_queue.h>
+#include <nimbara/signal/signal_format.h>
 #include <nimbara/signal/signal_units.h>
 
 NIMBARA_BEGIN_C
@@ -35,9 +36,6 @@ typedef struct PlaybackContext {
    * at its first call and keeps to the end; null in a fresh context. */
   const struct WaveTable* engineWaves[2];
 } PlaybackContext;
-
-#define NIMBARA_FRAMES_PER_BUFFER 735u
-#define NIMBARA_BUFFER_COUNT 3u
 
 /** Plays `frame` (taken over: released when playback ends) until sampleLen / 2
  * stereo frames have been produced, polling every 0.1 s. Returns 0, or the
