@@ -255,8 +255,13 @@ struct Receiver::State {
 
   // The readings of two repetitions to report: the pair
   // that agrees with good parity if there is one, else the best fitting.
-  static std::pair<const receiver::Payload*, const receiver::Payload*> choose(
-      const receiver::Payload& first, const receiver::Payload& second) {
+  // Either repetition may be read with the other polarity, but the pair must
+  // keep the frame's geometry: the second begins one stop level and one
+  // silence after the first ends. A reading that starts some bits late and
+  // ends some bits early can fit another command's layout, in both
+  // repetitions alike; it cannot keep that distance.
+  std::pair<const receiver::Payload*, const receiver::Payload*> choose(
+      const receiver::Payload& first, const receiver::Payload& second) const {
     const receiver::Payload* firsts[] = {&first, first.inverted.get()};
     const receiver::Payload* seconds[] = {&second, second.inverted.get()};
     std::pair<const receiver::Payload*, const receiver::Payload*> best{&first, &second};
@@ -264,6 +269,7 @@ struct Receiver::State {
     for (const receiver::Payload* a : firsts) {
       for (const receiver::Payload* b : seconds) {
         if (a == nullptr || b == nullptr) continue;
+        if (!receiver::followsAfterSilence(*a, *b, rate)) continue;
         const bool agree = a->bits == b->bits && receiver::evenParity(a->bits);
         const double rank = (agree ? 1e200 : 0) + a->fit + b->fit;
         if (rank > bestRank) bestRank = rank, best = {a, b};

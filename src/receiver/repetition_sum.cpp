@@ -13,6 +13,11 @@ namespace {
 // How far (samples at 44100 Hz) the second repetition may be from where the
 // two readings put it: a 0-bit and more.
 constexpr double kAlignSlack = 30;
+// How far (samples at 44100 Hz) the sum's reading may begin and end from the
+// first repetition's: a 0-bit (a run of 1-bits read with the other polarity
+// begins one 0-bit late) with slack, and at the end a 1-bit read as a 0-bit.
+constexpr double kStartSlack = 26;
+constexpr double kEndSlack = 44;
 // How much of the first repetition's power the second must show in the last
 // quarter of the payload: a cut one does not count.
 constexpr double kPresentTail = 0.25;
@@ -69,6 +74,14 @@ std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, co
   auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, meanMagnitude(sum));
   if (!combined || combined->confidence < kCombinedMargin ||
       assemble(*combined, &*combined, sampleRate).damaged) {
+    return std::nullopt;
+  }
+  // The sum is read where the first repetition lies, and ends where it ends:
+  // a reading that starts some bits late or ends some bits early fits
+  // another layout, not this frame (its second repetition would not begin
+  // one silence after it).
+  if (std::fabs(combined->start - first.start) > kStartSlack * scale ||
+      std::fabs(combined->end - first.end) > kEndSlack * scale) {
     return std::nullopt;
   }
   // Each repetition alone must bear the sum's reading out: noise costs it
