@@ -6,6 +6,8 @@
 // bits make a transmission; weaker copies that follow closely are echoes.
 #include <nimbara/receiver/receiver.h>
 
+#include <nimbara/api/command.h>
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -28,6 +30,13 @@ constexpr double kShortestPayload = receiver::kPayloadLengths[0] * 20 * 0.8;
 constexpr double kLongestPayloadSamples = receiver::kLongestPayload * 40;
 constexpr double kStopAndSilence = 5 + 441;
 constexpr double kEchoHoldOffSeconds = 0.15;
+// Of a transmission's length, the share within which nothing new begins
+// (slack for a sender running fast).
+constexpr double kHoldOff = 0.9;
+// A copy of the last transmission this much weaker, up to this long after
+// it, is its echo.
+constexpr double kEchoAmplitude = 0.7;
+constexpr double kLongEchoSeconds = 1.0;
 // An unpaired repetition is reported (as damaged) only if it looks like a
 // payload at all: noise, speech and music rarely reach this margin and stand
 // this far above the quiet before them.
@@ -368,23 +377,39 @@ struct Receiver::State {
   }
 
   void emit(Transmission transmission, double start, double end, double amplitude) {
-    // An echo: a copy no stronger than a transmission just reported, or a
-    // much weaker damaged stretch, close behind or inside it. The same bits
-    // within the transmission itself are that transmission, read again.
-    if (last && start >= last->start && start - last->end < kEchoHoldOffSeconds * rate) {
-      const bool same = transmission.bits[0] == last->bits;
-      const bool copy = same && (amplitude <= 1.1 * last->amplitude || start < last->end);
-      const bool weakDebris = transmission.damaged && amplitude < 0.7 * last->amplitude;
-      if (copy || weakDebris) return;
+    if (last && start >= last->start && echoOfLast(transmission, start, amplitude)) return;
+    if (!transmission.damaged) {
+      Command sent;
+      sent.verb = transmission.command;
+      const double length = commandFrames(sent) * scale;
+      last = Reported{transmission.bits[0], start, end, amplitude, start + kHoldOff * length};
     }
-    if (!transmission.damaged) last = Reported{transmission.bits[0], start, end, amplitude};
     if (callback) callback(transmission);
     decoded.push_back(std::move(transmission));
+  }
+
+  // Whether a reading that begins at `start` belongs to the transmission
+  // reported last. No transmission begins before the last one's length has
+  // passed: whatever is read inside it (a reflection, a reverberation tail
+  // read as bits) is that transmission again, however long the room. Later,
+  // a copy of the same bits much weaker, or no stronger and close behind,
+  // is an echo; so is a much weaker damaged stretch close behind.
+  bool echoOfLast(const Transmission& transmission, double start, double amplitude) const {
+    if (start < last->holdUntil) return true;
+    const bool same = transmission.bits[0] == last->bits;
+    const double after = start - last->end;
+    if (same && amplitude < kEchoAmplitude * last->amplitude && after < kLongEchoSeconds * rate)
+      return true;
+    if (after >= kEchoHoldOffSeconds * rate) return false;
+    const bool copy = same && amplitude <= 1.1 * last->amplitude;
+    const bool weakDebris = transmission.damaged && amplitude < kEchoAmplitude * last->amplitude;
+    return copy || weakDebris;
   }
 
   struct Reported {
     std::string bits;
     double start, end, amplitude;
+    double holdUntil;  // no other transmission can begin before
   };
 
   const double rate, scale;
