@@ -195,6 +195,9 @@ struct Receiver::State {
       if (!payload->command || payload->confidence < receiver::kConfidentMargin) {
         auto better = equalised(signal, origin, onset, end, a, b, *payload);
         if (better && better->command && better->confidence > payload->confidence) {
+          // The equaliser restores the level too: the strength (which tells
+          // an echo from its transmission) is what was received.
+          better->amplitude = payload->amplitude;
           payload = std::move(better);
           read = &equalisedSignal;
         }
