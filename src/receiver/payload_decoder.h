@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -97,6 +98,20 @@ class PayloadDecoder {
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
+  // Its steps.
+  struct End {
+    int layout = -1, bits = 0, units = 0;
+    double score = -std::numeric_limits<double>::infinity();
+    double fit = -std::numeric_limits<double>::infinity();
+  };
+  int forward(double t0, int polarity, double searchEnd);
+  bool extendLayout(int layout, int level, int polarity, double floor, double searchEnd);
+  bool isEnd(int layout, int bits, int units, double searchEnd) const;
+  End chooseEnd(double searchEnd, int lastLevel, double cleanBit, End* runnerUp,
+                double* unexplained) const;
+  Payload traceBack(const End& end, double* weakestOwn) const;
+  double weakestMargin(const End& best, const End& runnerUp, const std::string& bits,
+                       double searchEnd);
 
   const double scale_;  // input samples per sample at 44100 Hz
   const double half_[2];

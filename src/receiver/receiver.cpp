@@ -16,6 +16,7 @@
 #include "receiver/activity.h"
 #include "receiver/band_pass.h"
 #include "receiver/equaliser.h"
+#include "receiver/frame_geometry.h"
 #include "receiver/payload_decoder.h"
 #include "receiver/repetition_sum.h"
 #include "receiver/transmission.h"
@@ -23,12 +24,10 @@
 namespace nimbara {
 namespace {
 
-constexpr double kReferenceRate = 44100.0;
 // In samples at 44100 Hz: every bit a 0-bit (20 samples) with slack, or every
 // bit a 1-bit (40 samples).
 constexpr double kShortestPayload = receiver::kPayloadLengths[0] * 20 * 0.8;
 constexpr double kLongestPayloadSamples = receiver::kLongestPayload * 40;
-constexpr double kStopAndSilence = 5 + 441;
 constexpr double kEchoHoldOffSeconds = 0.15;
 // Of a transmission's length, the share within which nothing new begins
 // (slack for a sender running fast).
@@ -56,7 +55,7 @@ constexpr double kFilterSettle = 0.002;
 struct Receiver::State {
   State(double rate, int channelCount)
       : rate(rate),
-        scale(rate / kReferenceRate),
+        scale(rate / receiver::kReferenceRate),
         channels(channelCount),
         gate(rate, channelCount),
         bandPass(rate),
@@ -330,8 +329,9 @@ struct Receiver::State {
 
   // A payload that no second repetition followed in time.
   void expirePayloads(bool all) {
-    const double window = (kStopAndSilence * 1.15 + kLongestPayloadSamples + 200) * scale +
-                          static_cast<double>(4 * block) + kAfterRun * rate;
+    const double window =
+        (receiver::kStopAndSilence * 1.15 + kLongestPayloadSamples + 200) * scale +
+        static_cast<double>(4 * block) + kAfterRun * rate;
     while (!recent.empty() && (all || static_cast<double>(written) - recent.front().end > window)) {
       reportUnpaired(recent.front());
       recent.erase(recent.begin());
@@ -343,7 +343,7 @@ struct Receiver::State {
   // are added up there, as a partner of either polarity.
   bool readWithPartner(const receiver::Payload& found) {
     const double length = found.end - found.start;
-    const double gap = kStopAndSilence * scale;
+    const double gap = receiver::kStopAndSilence * scale;
     const double margin = kWaveMargin * scale, settle = kFilterSettle * rate;
     const double oldest = written > capacity ? static_cast<double>(written - capacity) : 0.0;
     for (const double start : {found.end + gap, found.start - gap - length}) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "receiver/frame_geometry.h"
 #include "receiver/transmission.h"
 
 namespace nimbara::receiver {
@@ -36,7 +37,7 @@ double meanMagnitude(const std::vector<float>& x) {
 std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, const Payload& second,
                                double sampleRate) {
   if (first.wave.empty() || second.wave.empty()) return std::nullopt;
-  const double scale = sampleRate / 44100.0;
+  const double scale = sampleRate / kReferenceRate;
   const float sign = first.polarity == second.polarity ? 1.0f : -1.0f;
   const auto expected = static_cast<std::ptrdiff_t>(std::llround(second.start - first.start)) -
                         (static_cast<std::ptrdiff_t>(second.waveStart) -
