@@ -217,7 +217,7 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
 
 std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
                                               std::uint64_t origin, double onset, double searchEnd,
-                                              double level) {
+                                              double level, std::optional<double> startSpread) {
   if (signal.empty() || level <= 0) return std::nullopt;
   prepare(signal, level);
   const double relativeOnset = onset - static_cast<double>(origin);
@@ -228,8 +228,8 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // Activity is measured in blocks, and noise can open a run early: the first
   // bit begins a little before the onset or up to a few blocks after it.
   std::vector<Start> starts;
-  const double from = relativeOnset - 2 * half_[0];
-  const double to = relativeOnset + 3 * onsetSlack_ + half_[0];
+  const double from = relativeOnset - (startSpread ? *startSpread : 2 * half_[0]);
+  const double to = relativeOnset + (startSpread ? *startSpread : 3 * onsetSlack_ + half_[0]);
   const double rankingSpan = kRankingBits * 3 * half_[0];
   for (double t = from; t <= to; t += 0.4 * half_[0]) {
     for (int polarity : {1, -1}) {

@@ -46,9 +46,12 @@ class PayloadDecoder {
 
   // `signal` holds band-passed samples from stream sample `origin` on. The
   // payload is looked for from about `onset` (where activity began) and must
-  // end by `searchEnd`; `level` is the stretch's mean magnitude.
+  // end by `searchEnd`; `level` is the stretch's mean magnitude. With a
+  // `startSpread`, the first bit begins no further than that from `onset`
+  // (where another reading already put it).
   std::optional<Payload> decode(const std::vector<float>& signal, std::uint64_t origin,
-                                double onset, double searchEnd, double level);
+                                double onset, double searchEnd, double level,
+                                std::optional<double> startSpread = std::nullopt);
 
   // How many clean 0-bits worse `bits`, read from `start` with `polarity`,
   // fit the stretch than the best reading of any bits from there.

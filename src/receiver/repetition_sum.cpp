@@ -72,7 +72,9 @@ std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, co
        ++i) {
     sum[i] += sign * second.wave[i + bestShift];
   }
-  auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, meanMagnitude(sum));
+  // Read where the first repetition begins.
+  auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, meanMagnitude(sum),
+                                 kStartSlack * scale);
   if (!combined || combined->confidence < kCombinedMargin ||
       assemble(*combined, &*combined, sampleRate).damaged) {
     return std::nullopt;
