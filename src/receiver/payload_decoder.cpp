@@ -293,10 +293,14 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
     for (std::size_t k = i; k < j; ++k) sum += static_cast<double>(signal[k]) * signal[k];
     return j > i ? sum / static_cast<double>(j - i) : 0.0;
   };
-  const double quiet = power(best->start - 200 * scale_, best->start - 40 * scale_);
   const double total = power(best->start, best->end);
-  best->snrDb = std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
-                           -20.0, 99.0);
+  const auto snr = [&](double quiet) {
+    return std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
+                      -20.0, 99.0);
+  };
+  best->snrDb = snr(power(best->start - 200 * scale_, best->start - 40 * scale_));
+  // After the stop level, as long a stretch of the silence that follows.
+  best->snrAfterDb = snr(power(best->end + 40 * scale_, best->end + 200 * scale_));
   best->command = isCommandPayload(layouts_, best->bits);
   best->start += static_cast<double>(origin);
   best->end += static_cast<double>(origin);

@@ -27,10 +27,11 @@ struct Payload {
   double end = 0;         // stream sample where the last bit ends
   double confidence = 0;  // the weakest bit's margin, 0..1
   double amplitude = 0;   // the signal's correlation per sample
-  double snrDb = 0;
-  double fit = 0;        // the sequence's score: which of several readings is best
-  double cleanBit = 0;   // the score of one clean 0-bit at this level
-  bool command = false;  // the bits have a command's layout and even parity
+  double snrDb = 0;       // against the quiet before the payload
+  double snrAfterDb = 0;  // against the quiet after it
+  double fit = 0;         // the sequence's score: which of several readings is best
+  double cleanBit = 0;    // the score of one clean 0-bit at this level
+  bool command = false;   // the bits have a command's layout and even parity
   int polarity = 1;
   // The best reading with the other polarity, if any.
   std::shared_ptr<Payload> inverted;

@@ -374,7 +374,10 @@ struct Receiver::State {
   }
 
   void reportUnpaired(const receiver::Payload& payload) {
-    if (readWithPartner(payload)) return;
+    // A payload is followed by silence: a reading with signal just after it
+    // ends some bits early, and its partner's place would be wrong too.
+    const bool beforeSilence = payload.snrAfterDb >= kReportableSnrDb;
+    if (beforeSilence && readWithPartner(payload)) return;
     if (payload.confidence < kReportableMargin || payload.snrDb < kReportableSnrDb) return;
     emit(receiver::assemble(payload, nullptr, rate), payload.start, payload.end, payload.amplitude);
   }

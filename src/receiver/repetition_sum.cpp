@@ -32,6 +32,22 @@ double meanMagnitude(const std::vector<float>& x) {
   return sum / static_cast<double>(std::max<std::size_t>(1, x.size()));
 }
 
+// The sum's reading, if it is a command read clearly where the first
+// repetition lies: a reading that starts some bits late or ends some bits
+// early fits another layout, not this frame (its second repetition would
+// not begin one silence after it).
+std::optional<Payload> fitting(std::optional<Payload> combined, const Payload& first,
+                               double sampleRate) {
+  const double scale = sampleRate / kReferenceRate;
+  if (!combined || combined->confidence < kCombinedMargin ||
+      assemble(*combined, &*combined, sampleRate).damaged ||
+      std::fabs(combined->start - first.start) > kStartSlack * scale ||
+      std::fabs(combined->end - first.end) > kEndSlack * scale) {
+    return std::nullopt;
+  }
+  return combined;
+}
+
 }  // namespace
 
 std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, const Payload& second,
@@ -72,21 +88,17 @@ std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, co
        ++i) {
     sum[i] += sign * second.wave[i + bestShift];
   }
-  // Read where the first repetition begins.
-  auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, meanMagnitude(sum),
-                                 kStartSlack * scale);
-  if (!combined || combined->confidence < kCombinedMargin ||
-      assemble(*combined, &*combined, sampleRate).damaged) {
-    return std::nullopt;
+  // Read from about where the first repetition begins; if that reading
+  // does not keep the frame's geometry, read again from exactly there.
+  const double level = meanMagnitude(sum);
+  auto combined = fitting(decoder.decode(sum, first.waveStart, first.start, first.end, level),
+                          first, sampleRate);
+  if (!combined) {
+    combined = fitting(
+        decoder.decode(sum, first.waveStart, first.start, first.end, level, kStartSlack * scale),
+        first, sampleRate);
   }
-  // The sum is read where the first repetition lies, and ends where it ends:
-  // a reading that starts some bits late or ends some bits early fits
-  // another layout, not this frame (its second repetition would not begin
-  // one silence after it).
-  if (std::fabs(combined->start - first.start) > kStartSlack * scale ||
-      std::fabs(combined->end - first.end) > kEndSlack * scale) {
-    return std::nullopt;
-  }
+  if (!combined) return std::nullopt;
   // Each repetition alone must bear the sum's reading out: noise costs it
   // a little, a repetition that carried other bits a lot.
   const auto alone = [&](const Payload& repetition, double start, int polarity) {
