@@ -175,18 +175,20 @@ void PayloadDecoder::readPolarities(const std::vector<Start>& starts, double rel
     const int side = start.polarity > 0 ? 0 : 1;
     if (searched[side] == (constrained ? kStartsKept : 1)) continue;
     ++searched[side];
-    auto payload = searchSequences(start.time, start.polarity, relativeEnd, false);
+    // With one start per polarity, its margins come with the first search.
+    auto payload = searchSequences(start.time, start.polarity, relativeEnd, !constrained);
     std::optional<Payload>& best = byPolarity[side];
     if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
   }
   for (auto& payload : byPolarity) {
-    if (payload) settleStart(payload, relativeEnd);
+    if (payload) settleStart(payload, relativeEnd, !constrained);
   }
 }
 
 // Moves a reading's start by whole 0-bits while that reads better, then
-// reads it with its margins.
-void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativeEnd) {
+// reads it with its margins (unless it has them, and stayed).
+void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativeEnd,
+                                 bool hasMargins) {
   // A start a 0-bit off that reads better is the start.
   std::optional<Payload> twins[2];
   for (int moves = 0; moves <= kStartMoves; ++moves) {
@@ -199,8 +201,9 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
     }
     if (better < 0 || moves == kStartMoves) break;
     payload = std::move(twins[better]);
+    hasMargins = false;
   }
-  payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
+  if (!hasMargins) payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
   if (!payload) return;
   // A run of equal bits at an edge makes a start one 0-bit early or late
   // look almost as good, and both repetitions fall for it alike: a reading

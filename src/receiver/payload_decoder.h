@@ -98,7 +98,7 @@ class PayloadDecoder {
                      std::uint64_t origin) const;
   void readPolarities(const std::vector<Start>& starts, double relativeEnd, bool constrained,
                       std::optional<Payload> (&byPolarity)[2]);
-  void settleStart(std::optional<Payload>& payload, double relativeEnd);
+  void settleStart(std::optional<Payload>& payload, double relativeEnd, bool hasMargins);
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
