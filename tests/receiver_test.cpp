@@ -342,4 +342,139 @@ TEST(Receiver, AnUnknownOpcodeIsNotMadeACommand) {
   }
 }
 
+// The layouts' edge cases: every argument at zero and at its maximum,
+// alternating bits, the echo's extreme numbers, each verb.
+std::vector<nimbara::Command> edgeCases() {
+  using nimbara::makeCommand;
+  return {
+      makeCommand("flash", {255, 255, 255, 255, 32767}),
+      makeCommand("flash", {0, 0, 0, 0, 0}),
+      makeCommand("flash", {170, 85, 170, 85, -21846}),
+      makeCommand("doSprayWithLightLedGetTankId", {255, 255, 255, 255, 1000}),
+      makeCommand("doSprayWithLightLed", {0, 0, 0, 0, 100}),
+      makeCommand("echo", {4294967295}),
+      makeCommand("echo", {0}),
+      makeCommand("echo", {2863311530}),
+      makeCommand("spray", {32767}),
+      makeCommand("state", {}),
+      makeCommand("tank", {}),
+  };
+}
+
+bool same(const Transmission& t, const nimbara::Command& c) {
+  return t.command == c.verb && t.red == c.red && t.green == c.green && t.blue == c.blue &&
+         t.special == c.special && t.number == c.number &&
+         (c.verb == "state" || c.verb == "tank" || c.verb == "echo" ||
+          t.time == nimbara::sentTime(c));
+}
+
+// Through channels that smear, tilt and bury the bits, each edge case is
+// reported exactly or damaged: never as another command (a reading that
+// starts some bits late fits another layout), never twice.
+TEST(Receiver, AnEdgeCaseIsNeverReadAsAnotherCommand) {
+  using Path = std::function<Signal(const Signal&)>;
+  const std::vector<std::pair<std::string, Path>> paths = {
+      {"inverted, band 300-3400 Hz",
+       [](const Signal& s) {
+         return invert(
+             biquad(biquad(biquad(s, 44100, 300, true), 44100, 3400, false), 44100, 3400, false));
+       }},
+      {"reflection at 20 samples", [](const Signal& s) {
+         Signal o = s;
+         for (std::size_t i = 20; i < o.size(); ++i) o[i] -= 0.7f * s[i - 20];
+         return o;
+       }}};
+  int exact = 0, runs = 0;
+  for (const nimbara::Command& c : edgeCases()) {
+    const Signal clean = withSilence(leftChannel(nimbara::renderCommand(c)), 3000, 3000);
+    for (const auto& [name, path] : paths) {
+      for (const double snr : {99.0, 9.0, 6.0, 3.0}) {
+        for (unsigned seed = 0; seed < (snr > 50 ? 1u : 3u); ++seed) {
+          const auto received = receive(noise(path(clean), snr, 1.0f, 40 + seed), 44100);
+          int undamaged = 0;
+          for (const Transmission& t : received) {
+            if (t.damaged) continue;
+            ++undamaged;
+            EXPECT_TRUE(same(t, c)) << c.verb << " through " << name << " at " << snr
+                                    << " dB read as " << t.command << ": " << t.bits[0];
+          }
+          EXPECT_LE(undamaged, 1) << c.verb << " through " << name << " at " << snr << " dB";
+          exact += undamaged == 1;
+          ++runs;
+        }
+      }
+    }
+  }
+  // Not by reporting nothing: most of them still come through.
+  EXPECT_GT(exact, runs / 2);
+}
+
+// A room that rings on long after the transmission (a reverberator of
+// combs and all-passes, the tail about a second long), and discrete echoes
+// later than the shortest transmission: one transmission is one report.
+// Two transmissions sent one after the other are two, however alike.
+TEST(Receiver, OneTransmissionIsOneReportHoweverLongTheRoom) {
+  const auto reverberate = [](const Signal& s) {
+    Signal wet(s.size(), 0.0f);
+    for (const std::size_t delay : {1116u, 1188u, 1277u, 1356u}) {
+      Signal comb(s.size(), 0.0f);
+      for (std::size_t i = 0; i < s.size(); ++i) {
+        comb[i] = s[i] + (i >= delay ? 0.85f * comb[i - delay] : 0.0f);
+      }
+      for (std::size_t i = 0; i < s.size(); ++i) wet[i] += 0.25f * comb[i];
+    }
+    for (const std::size_t delay : {556u, 441u}) {
+      Signal out(wet.size(), 0.0f);
+      for (std::size_t i = 0; i < wet.size(); ++i) {
+        const float back = i >= delay ? wet[i - delay] : 0.0f;
+        const float fed = i >= delay ? out[i - delay] : 0.0f;
+        out[i] = -0.5f * wet[i] + back + 0.5f * fed;
+      }
+      wet = out;
+    }
+    Signal mixed = s;
+    for (std::size_t i = 0; i < s.size(); ++i) mixed[i] += 0.12f * wet[i];
+    return mixed;
+  };
+  const auto echo = [](const Signal& s, double seconds) {
+    Signal o = s;
+    const auto delay = static_cast<std::size_t>(seconds * 44100);
+    for (std::size_t i = delay; i < o.size(); ++i) o[i] += 0.5f * s[i - delay];
+    return o;
+  };
+  int longRoomsExact = 0;
+  for (const nimbara::Command& c : {nimbara::makeCommand("state", {}),
+                                    nimbara::makeCommand("flash", {255, 255, 255, 255, 32767}),
+                                    nimbara::makeCommand("echo", {2863311530})}) {
+    const Signal once = leftChannel(nimbara::renderCommand(c));
+    const Signal clean = withSilence(once, 3000, 2 * 44100);
+    for (const auto& [name, room] :
+         std::vector<std::pair<std::string, Signal>>{{"reverberation", reverberate(clean)},
+                                                     {"echo at 300 ms", echo(clean, 0.3)},
+                                                     {"echo at 700 ms", echo(clean, 0.7)}}) {
+      int undamaged = 0;
+      for (const Transmission& t : receive(room, 44100)) {
+        if (t.damaged) continue;
+        ++undamaged;
+        EXPECT_TRUE(same(t, c)) << c.verb << " through " << name << ": " << t.bits[0];
+      }
+      // Under the reverberation a short payload may be missed; never twice.
+      EXPECT_LE(undamaged, 1) << c.verb << " through " << name;
+      if (name != "reverberation") {
+        EXPECT_EQ(undamaged, 1) << c.verb << " through " << name;
+      }
+      longRoomsExact += undamaged;
+    }
+    // The same command twice, back to back: two reports.
+    Signal twice = once;
+    twice.insert(twice.end(), once.begin(), once.end());
+    int undamaged = 0;
+    for (const Transmission& t : receive(withSilence(twice, 3000, 3000), 44100)) {
+      undamaged += !t.damaged && same(t, c);
+    }
+    EXPECT_EQ(undamaged, 2) << c.verb << " sent twice";
+  }
+  EXPECT_GE(longRoomsExact, 8);  // of nine
+}
+
 }  // namespace

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "receiver/frame_geometry.h"
+
 namespace nimbara::receiver {
 namespace {
 
-constexpr double kReferenceRate = 44100.0;
 // A pair of blocks counts as active this far above the noise floor (the
 // floor is a minimum, about three quarters of the mean noise). The comb below
 // doubles white noise but triples either bit, so at 3 dB SNR the signal still

@@ -5,10 +5,11 @@
 #include <limits>
 #include <stdexcept>
 
+#include "receiver/frame_geometry.h"
+
 namespace nimbara::receiver {
 namespace {
 
-constexpr double kReferenceRate = 44100.0;
 constexpr double kNone = -std::numeric_limits<double>::infinity();
 // A covered sample costs this share of the stretch's level: a bit in a
 // reverberation tail or in noise does not pay for itself.
@@ -174,18 +175,20 @@ void PayloadDecoder::readPolarities(const std::vector<Start>& starts, double rel
     const int side = start.polarity > 0 ? 0 : 1;
     if (searched[side] == (constrained ? kStartsKept : 1)) continue;
     ++searched[side];
-    auto payload = searchSequences(start.time, start.polarity, relativeEnd, false);
+    // With one start per polarity, its margins come with the first search.
+    auto payload = searchSequences(start.time, start.polarity, relativeEnd, !constrained);
     std::optional<Payload>& best = byPolarity[side];
     if (payload && (!best || payload->fit > best->fit)) best = std::move(payload);
   }
   for (auto& payload : byPolarity) {
-    if (payload) settleStart(payload, relativeEnd);
+    if (payload) settleStart(payload, relativeEnd, !constrained);
   }
 }
 
 // Moves a reading's start by whole 0-bits while that reads better, then
-// reads it with its margins.
-void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativeEnd) {
+// reads it with its margins (unless it has them, and stayed).
+void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativeEnd,
+                                 bool hasMargins) {
   // A start a 0-bit off that reads better is the start.
   std::optional<Payload> twins[2];
   for (int moves = 0; moves <= kStartMoves; ++moves) {
@@ -198,8 +201,9 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
     }
     if (better < 0 || moves == kStartMoves) break;
     payload = std::move(twins[better]);
+    hasMargins = false;
   }
-  payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
+  if (!hasMargins) payload = searchSequences(payload->start, payload->polarity, relativeEnd, true);
   if (!payload) return;
   // A run of equal bits at an edge makes a start one 0-bit early or late
   // look almost as good, and both repetitions fall for it alike: a reading
@@ -216,7 +220,7 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
 
 std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
                                               std::uint64_t origin, double onset, double searchEnd,
-                                              double level) {
+                                              double level, std::optional<double> startSpread) {
   if (signal.empty() || level <= 0) return std::nullopt;
   prepare(signal, level);
   const double relativeOnset = onset - static_cast<double>(origin);
@@ -227,8 +231,8 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // Activity is measured in blocks, and noise can open a run early: the first
   // bit begins a little before the onset or up to a few blocks after it.
   std::vector<Start> starts;
-  const double from = relativeOnset - 2 * half_[0];
-  const double to = relativeOnset + 3 * onsetSlack_ + half_[0];
+  const double from = relativeOnset - (startSpread ? *startSpread : 2 * half_[0]);
+  const double to = relativeOnset + (startSpread ? *startSpread : 3 * onsetSlack_ + half_[0]);
   const double rankingSpan = kRankingBits * 3 * half_[0];
   for (double t = from; t <= to; t += 0.4 * half_[0]) {
     for (int polarity : {1, -1}) {
@@ -292,10 +296,14 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
     for (std::size_t k = i; k < j; ++k) sum += static_cast<double>(signal[k]) * signal[k];
     return j > i ? sum / static_cast<double>(j - i) : 0.0;
   };
-  const double quiet = power(best->start - 200 * scale_, best->start - 40 * scale_);
   const double total = power(best->start, best->end);
-  best->snrDb = std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
-                           -20.0, 99.0);
+  const auto snr = [&](double quiet) {
+    return std::clamp(10 * std::log10(std::max(total - quiet, 1e-12) / std::max(quiet, 1e-12)),
+                      -20.0, 99.0);
+  };
+  best->snrDb = snr(power(best->start - 200 * scale_, best->start - 40 * scale_));
+  // After the stop level, as long a stretch of the silence that follows.
+  best->snrAfterDb = snr(power(best->end + 40 * scale_, best->end + 200 * scale_));
   best->command = isCommandPayload(layouts_, best->bits);
   best->start += static_cast<double>(origin);
   best->end += static_cast<double>(origin);
@@ -305,6 +313,40 @@ void PayloadDecoder::finishPayload(Payload& payload, const std::vector<float>& s
 // keeping its own re-timed clock; then a backward pass for the margins.
 std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, double searchEnd,
                                                        bool margins) {
+  const int lastLevel = forward(t0, polarity, searchEnd);
+  const double cleanBit = level_ * 2 * half_[0];
+  double unexplained = 0;
+  End runnerUp;
+  const End best = chooseEnd(searchEnd, lastLevel, cleanBit, &runnerUp, &unexplained);
+  if (best.score == kNone || best.score <= 0) return std::nullopt;
+
+  double weakestOwn = 0;  // the least bit-like bit
+  Payload payload = traceBack(best, &weakestOwn);
+  payload.start = t0;
+  payload.polarity = polarity;
+  const double span = payload.end - payload.start;
+  payload.amplitude = (best.score + bias_ * span) / span;
+  payload.fit = best.fit - bitLike(t0, -1);
+  payload.cleanBit = cleanBit;
+  if (!margins) return payload;
+
+  double weakest = weakestMargin(best, runnerUp, payload.bits, searchEnd);
+  // A layout that fixes every bit is believed only if nothing else fits better.
+  const bool fixed = static_cast<int>(layouts_[best.layout].prefix.size()) == best.bits;
+  weakest = fixed && unexplained > 0 ? 0 : weakest - unexplained;
+  // Against the stretch's level rather than the path's own correlation, which
+  // noise inflates by always picking the better of two waveforms.
+  // A bit that hardly looks like one (what a layout's parity or length
+  // forced onto a stretch that carried other bits) is no reading either.
+  weakest = std::min(weakest, weakestOwn + kOwnBitAllowance * cleanBit);
+  payload.confidence = cleanBit > 0 ? std::clamp(weakest / cleanBit, 0.0, 1.0) : 0.0;
+  return payload;
+}
+
+// The forward pass: every layout's states level by level (bits sent), each
+// kept only while within the beam of the best at its level. Returns the
+// last level reached.
+int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
   const int layouts = static_cast<int>(layouts_.size());
   for (int g = 0; g < layouts; ++g) {
     score_[at(g, 0)] = 0;
@@ -313,8 +355,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     reached_[g] = 0;
   }
   int lastLevel = 0;
-  const double cleanBit = level_ * 2 * half_[0];
-  const double beam = kBeamBits * cleanBit;
+  const double beam = kBeamBits * level_ * 2 * half_[0];
   for (int i = 0; i < kLongestPayload; ++i) {
     // Only the levels a layout reaches are cleared, and read.
     for (int g = 0; g < layouts; ++g) {
@@ -331,110 +372,126 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     }
     bool any = false;
     for (int g = 0; g < layouts; ++g) {
-      const PayloadLayout& layout = layouts_[g];
       if (!alive_[g]) continue;
-      alive_[g] = false;
-      if (i >= layout.longest()) continue;
-      const bool forced = i < static_cast<int>(layout.prefix.size());
-      for (int k = i; k <= 2 * i; ++k) {
-        const int s = at(g, stateIndex(i, k));
-        if (score_[s] < levelBest - beam || clock_[s].time > searchEnd + 2 * half_[0]) {
-          bitScore_[0][s] = bitScore_[1][s] = kNone;
-          continue;
-        }
-        alive_[g] = any = true;
-        Clock nexts[2];
-        double scores[2];
-        scoreBits(clock_[s], polarity, true, scores, nexts);
-        for (int b = 0; b < 2; ++b) {
-          if (forced && layout.prefix[i] != '0' + b) {
-            bitScore_[b][s] = kNone;
-            continue;
-          }
-          bitScore_[b][s] = scores[b];
-          const int to = at(g, stateIndex(i + 1, k + 1 + b));
-          if (score_[s] + scores[b] > score_[to]) {
-            score_[to] = score_[s] + scores[b];
-            clock_[to] = nexts[b];
-            bit_[to] = static_cast<std::uint8_t>(b);
-          }
-        }
-      }
+      alive_[g] = extendLayout(g, i, polarity, levelBest - beam, searchEnd);
+      any = any || alive_[g];
     }
     if (!any) break;
     lastLevel = i + 1;
   }
+  return lastLevel;
+}
 
-  // A payload is followed by the stop level and silence: a bit's worth of
-  // signal right after the end means the sequence ended too early.
-  const auto isEnd = [&](int g, int i, int k) {
-    const PayloadLayout& layout = layouts_[g];
+// One layout's states of level i, each extended by a 0-bit and a 1-bit (or
+// by the bit its layout fixes there). Whether any state was extended.
+bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, double searchEnd) {
+  const PayloadLayout& layout = layouts_[g];
+  if (i >= layout.longest()) return false;
+  const bool forced = i < static_cast<int>(layout.prefix.size());
+  bool alive = false;
+  for (int k = i; k <= 2 * i; ++k) {
     const int s = at(g, stateIndex(i, k));
-    return i <= reached_[g] && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
-           score_[s] != kNone && clock_[s].time <= searchEnd + half_[0];
-  };
-  struct End {
-    int layout = -1, bits = 0, units = 0;
-    double score = kNone, fit = kNone;
-  };
+    if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) {
+      bitScore_[0][s] = bitScore_[1][s] = kNone;
+      continue;
+    }
+    alive = true;
+    Clock nexts[2];
+    double scores[2];
+    scoreBits(clock_[s], polarity, true, scores, nexts);
+    for (int b = 0; b < 2; ++b) {
+      if (forced && layout.prefix[i] != '0' + b) {
+        bitScore_[b][s] = kNone;
+        continue;
+      }
+      bitScore_[b][s] = scores[b];
+      const int to = at(g, stateIndex(i + 1, k + 1 + b));
+      if (score_[s] + scores[b] > score_[to]) {
+        score_[to] = score_[s] + scores[b];
+        clock_[to] = nexts[b];
+        bit_[to] = static_cast<std::uint8_t>(b);
+      }
+    }
+  }
+  return alive;
+}
+
+// A payload is followed by the stop level and silence: a state ends a
+// payload only at a length its layout has, with its parity, and in time.
+bool PayloadDecoder::isEnd(int g, int i, int k, double searchEnd) const {
+  const PayloadLayout& layout = layouts_[g];
+  const int s = at(g, stateIndex(i, k));
+  return i <= reached_[g] && layout.ends[i] && (!layout.evenParity || (k - i) % 2 == 0) &&
+         score_[s] != kNone && clock_[s].time <= searchEnd + half_[0];
+}
+
+// The best end of the command layouts, unless some other reading fits
+// clearly better: then the payload is no command the accessory knows, and
+// says so. A bit's worth of signal right after an end means the sequence
+// ended too early, and costs it.
+PayloadDecoder::End PayloadDecoder::chooseEnd(double searchEnd, int lastLevel, double cleanBit,
+                                              End* runnerUp, double* unexplained) const {
+  const int layouts = static_cast<int>(layouts_.size());
   std::array<End, kMostLayouts> ends{};
   for (int g = 0; g < layouts; ++g) {
     for (int n : kPayloadLengths) {
       if (n > lastLevel) break;
       for (int k = n; k <= 2 * n; ++k) {
-        if (!isEnd(g, n, k)) continue;
+        if (!isEnd(g, n, k, searchEnd)) continue;
         const int s = at(g, stateIndex(n, k));
         const double fit = score_[s] - bitLike(clock_[s].time, 1);
         if (fit > ends[g].fit) ends[g] = {g, n, k, score_[s], fit};
       }
     }
   }
-  // The best command layout, unless some other reading fits clearly better:
-  // then the payload is no command the accessory knows, and says so.
-  End best, runnerUp;
+  End best;
   for (int g = 0; g + 1 < layouts; ++g) {
     if (ends[g].fit > best.fit)
-      runnerUp = best, best = ends[g];
-    else if (ends[g].fit > runnerUp.fit)
-      runnerUp = ends[g];
+      *runnerUp = best, best = ends[g];
+    else if (ends[g].fit > runnerUp->fit)
+      *runnerUp = ends[g];
   }
   // Any reading that fits better than the command's takes from its
   // certainty: a layout fixes some bits, and a layout alone (every request is
   // one) reads the same from anything.
   const End& free = ends[layouts - 1];
-  double unexplained =
-      free.fit == kNone || best.fit == kNone ? 0 : std::max(0.0, free.fit - best.fit);
-  if (free.fit > best.fit + kUnknownLayoutBits * cleanBit)
-    best = free, runnerUp = End{}, unexplained = 0;
-  if (best.score == kNone || best.score <= 0) return std::nullopt;
+  *unexplained = free.fit == kNone || best.fit == kNone ? 0 : std::max(0.0, free.fit - best.fit);
+  if (free.fit > best.fit + kUnknownLayoutBits * cleanBit) {
+    best = free, *runnerUp = End{}, *unexplained = 0;
+  }
+  return best;
+}
 
-  const int g = best.layout;
+// The bits of the path to `end`, where it ends, and the score of its least
+// bit-like bit.
+Payload PayloadDecoder::traceBack(const End& end, double* weakestOwn) const {
+  const int g = end.layout;
   Payload payload;
-  payload.bits.assign(best.bits, '0');
-  double weakestOwn = std::numeric_limits<double>::infinity();  // the least bit-like bit
-  for (int i = best.bits, k = best.units; i > 0; --i) {
+  payload.bits.assign(end.bits, '0');
+  *weakestOwn = std::numeric_limits<double>::infinity();
+  for (int i = end.bits, k = end.units; i > 0; --i) {
     const int b = bit_[at(g, stateIndex(i, k))];
     payload.bits[i - 1] = static_cast<char>('0' + b);
     k -= 1 + b;
-    weakestOwn = std::min(weakestOwn, bitScore_[b][at(g, stateIndex(i - 1, k))]);
+    *weakestOwn = std::min(*weakestOwn, bitScore_[b][at(g, stateIndex(i - 1, k))]);
   }
-  payload.start = t0;
-  payload.polarity = polarity;
-  payload.end = clock_[at(g, stateIndex(best.bits, best.units))].time;
-  const double span = payload.end - payload.start;
-  payload.amplitude = (best.score + bias_ * span) / span;
-  payload.fit = best.fit - bitLike(t0, -1);
-  payload.cleanBit = cleanBit;
+  payload.end = clock_[at(g, stateIndex(end.bits, end.units))].time;
+  return payload;
+}
 
-  if (!margins) return payload;
-
+// Each bit's margin: the best sequence against the best one with that bit
+// flipped, in units of the path's score; another command's layout is the
+// alternative to the bits it fixes. Returns the weakest.
+double PayloadDecoder::weakestMargin(const End& best, const End& runnerUp, const std::string& bits,
+                                     double searchEnd) {
+  const int g = best.layout;
   // Backward: the best way from each state of the layout to any of its ends.
   std::fill(backward_.begin() + at(g, 0), backward_.begin() + at(g + 1, 0), kNone);
   for (int i = reached_[g]; i >= 0; --i) {
     for (int k = i; k <= 2 * i; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone) continue;
-      if (isEnd(g, i, k)) backward_[s] = 0;
+      if (isEnd(g, i, k, searchEnd)) backward_[s] = 0;
       if (i == reached_[g]) continue;
       for (int b = 0; b < 2; ++b) {
         const double after = backward_[at(g, stateIndex(i + 1, k + 1 + b))];
@@ -444,12 +501,9 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
       }
     }
   }
-  // Each bit's margin: the best sequence against the best one with that bit
-  // flipped, in units of a clean 0-bit's correlation; another command's
-  // layout is the alternative to the bits it fixes.
   double weakest = runnerUp.fit == kNone ? best.score : std::max(0.0, best.fit - runnerUp.fit);
   for (int i = 0; i < best.bits; ++i) {
-    const int flipped = payload.bits[i] == '1' ? 0 : 1;
+    const int flipped = bits[i] == '1' ? 0 : 1;
     double alternative = kNone;
     for (int k = i; k <= 2 * i; ++k) {
       const int s = at(g, stateIndex(i, k));
@@ -460,16 +514,7 @@ std::optional<Payload> PayloadDecoder::searchSequences(double t0, int polarity, 
     }
     if (alternative != kNone) weakest = std::min(weakest, std::max(0.0, best.score - alternative));
   }
-  // A layout that fixes every bit is believed only if nothing else fits better.
-  const bool fixed = static_cast<int>(layouts_[g].prefix.size()) == best.bits;
-  weakest = fixed && unexplained > 0 ? 0 : weakest - unexplained;
-  // Against the stretch's level rather than the path's own correlation, which
-  // noise inflates by always picking the better of two waveforms.
-  // A bit that hardly looks like one (what a layout's parity or length
-  // forced onto a stretch that carried other bits) is no reading either.
-  weakest = std::min(weakest, weakestOwn + kOwnBitAllowance * cleanBit);
-  payload.confidence = cleanBit > 0 ? std::clamp(weakest / cleanBit, 0.0, 1.0) : 0.0;
-  return payload;
+  return weakest;
 }
 
 }  // namespace nimbara::receiver

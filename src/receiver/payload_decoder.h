@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,10 +27,11 @@ struct Payload {
   double end = 0;         // stream sample where the last bit ends
   double confidence = 0;  // the weakest bit's margin, 0..1
   double amplitude = 0;   // the signal's correlation per sample
-  double snrDb = 0;
-  double fit = 0;        // the sequence's score: which of several readings is best
-  double cleanBit = 0;   // the score of one clean 0-bit at this level
-  bool command = false;  // the bits have a command's layout and even parity
+  double snrDb = 0;       // against the quiet before the payload
+  double snrAfterDb = 0;  // against the quiet after it
+  double fit = 0;         // the sequence's score: which of several readings is best
+  double cleanBit = 0;    // the score of one clean 0-bit at this level
+  bool command = false;   // the bits have a command's layout and even parity
   int polarity = 1;
   // The best reading with the other polarity, if any.
   std::shared_ptr<Payload> inverted;
@@ -45,9 +47,12 @@ class PayloadDecoder {
 
   // `signal` holds band-passed samples from stream sample `origin` on. The
   // payload is looked for from about `onset` (where activity began) and must
-  // end by `searchEnd`; `level` is the stretch's mean magnitude.
+  // end by `searchEnd`; `level` is the stretch's mean magnitude. With a
+  // `startSpread`, the first bit begins no further than that from `onset`
+  // (where another reading already put it).
   std::optional<Payload> decode(const std::vector<float>& signal, std::uint64_t origin,
-                                double onset, double searchEnd, double level);
+                                double onset, double searchEnd, double level,
+                                std::optional<double> startSpread = std::nullopt);
 
   // How many clean 0-bits worse `bits`, read from `start` with `polarity`,
   // fit the stretch than the best reading of any bits from there.
@@ -93,10 +98,24 @@ class PayloadDecoder {
                      std::uint64_t origin) const;
   void readPolarities(const std::vector<Start>& starts, double relativeEnd, bool constrained,
                       std::optional<Payload> (&byPolarity)[2]);
-  void settleStart(std::optional<Payload>& payload, double relativeEnd);
+  void settleStart(std::optional<Payload>& payload, double relativeEnd, bool hasMargins);
   double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
+  // Its steps.
+  struct End {
+    int layout = -1, bits = 0, units = 0;
+    double score = -std::numeric_limits<double>::infinity();
+    double fit = -std::numeric_limits<double>::infinity();
+  };
+  int forward(double t0, int polarity, double searchEnd);
+  bool extendLayout(int layout, int level, int polarity, double floor, double searchEnd);
+  bool isEnd(int layout, int bits, int units, double searchEnd) const;
+  End chooseEnd(double searchEnd, int lastLevel, double cleanBit, End* runnerUp,
+                double* unexplained) const;
+  Payload traceBack(const End& end, double* weakestOwn) const;
+  double weakestMargin(const End& best, const End& runnerUp, const std::string& bits,
+                       double searchEnd);
 
   const double scale_;  // input samples per sample at 44100 Hz
   const double half_[2];

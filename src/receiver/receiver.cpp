@@ -6,6 +6,8 @@
 // bits make a transmission; weaker copies that follow closely are echoes.
 #include <nimbara/receiver/receiver.h>
 
+#include <nimbara/api/command.h>
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -14,6 +16,7 @@
 #include "receiver/activity.h"
 #include "receiver/band_pass.h"
 #include "receiver/equaliser.h"
+#include "receiver/frame_geometry.h"
 #include "receiver/payload_decoder.h"
 #include "receiver/repetition_sum.h"
 #include "receiver/transmission.h"
@@ -21,13 +24,18 @@
 namespace nimbara {
 namespace {
 
-constexpr double kReferenceRate = 44100.0;
 // In samples at 44100 Hz: every bit a 0-bit (20 samples) with slack, or every
 // bit a 1-bit (40 samples).
 constexpr double kShortestPayload = receiver::kPayloadLengths[0] * 20 * 0.8;
 constexpr double kLongestPayloadSamples = receiver::kLongestPayload * 40;
-constexpr double kStopAndSilence = 5 + 441;
 constexpr double kEchoHoldOffSeconds = 0.15;
+// Of a transmission's length, the share within which nothing new begins
+// (slack for a sender running fast).
+constexpr double kHoldOff = 0.9;
+// A copy of the last transmission this much weaker, up to this long after
+// it, is its echo.
+constexpr double kEchoAmplitude = 0.7;
+constexpr double kLongEchoSeconds = 1.0;
 // An unpaired repetition is reported (as damaged) only if it looks like a
 // payload at all: noise, speech and music rarely reach this margin and stand
 // this far above the quiet before them.
@@ -47,7 +55,7 @@ constexpr double kFilterSettle = 0.002;
 struct Receiver::State {
   State(double rate, int channelCount)
       : rate(rate),
-        scale(rate / kReferenceRate),
+        scale(rate / receiver::kReferenceRate),
         channels(channelCount),
         gate(rate, channelCount),
         bandPass(rate),
@@ -186,6 +194,9 @@ struct Receiver::State {
       if (!payload->command || payload->confidence < receiver::kConfidentMargin) {
         auto better = equalised(signal, origin, onset, end, a, b, *payload);
         if (better && better->command && better->confidence > payload->confidence) {
+          // The equaliser restores the level too: the strength (which tells
+          // an echo from its transmission) is what was received.
+          better->amplitude = payload->amplitude;
           payload = std::move(better);
           read = &equalisedSignal;
         }
@@ -255,8 +266,13 @@ struct Receiver::State {
 
   // The readings of two repetitions to report: the pair
   // that agrees with good parity if there is one, else the best fitting.
-  static std::pair<const receiver::Payload*, const receiver::Payload*> choose(
-      const receiver::Payload& first, const receiver::Payload& second) {
+  // Either repetition may be read with the other polarity, but the pair must
+  // keep the frame's geometry: the second begins one stop level and one
+  // silence after the first ends. A reading that starts some bits late and
+  // ends some bits early can fit another command's layout, in both
+  // repetitions alike; it cannot keep that distance.
+  std::pair<const receiver::Payload*, const receiver::Payload*> choose(
+      const receiver::Payload& first, const receiver::Payload& second) const {
     const receiver::Payload* firsts[] = {&first, first.inverted.get()};
     const receiver::Payload* seconds[] = {&second, second.inverted.get()};
     std::pair<const receiver::Payload*, const receiver::Payload*> best{&first, &second};
@@ -264,6 +280,7 @@ struct Receiver::State {
     for (const receiver::Payload* a : firsts) {
       for (const receiver::Payload* b : seconds) {
         if (a == nullptr || b == nullptr) continue;
+        if (!receiver::followsAfterSilence(*a, *b, rate)) continue;
         const bool agree = a->bits == b->bits && receiver::evenParity(a->bits);
         const double rank = (agree ? 1e200 : 0) + a->fit + b->fit;
         if (rank > bestRank) bestRank = rank, best = {a, b};
@@ -312,8 +329,9 @@ struct Receiver::State {
 
   // A payload that no second repetition followed in time.
   void expirePayloads(bool all) {
-    const double window = (kStopAndSilence * 1.15 + kLongestPayloadSamples + 200) * scale +
-                          static_cast<double>(4 * block) + kAfterRun * rate;
+    const double window =
+        (receiver::kStopAndSilence * 1.15 + kLongestPayloadSamples + 200) * scale +
+        static_cast<double>(4 * block) + kAfterRun * rate;
     while (!recent.empty() && (all || static_cast<double>(written) - recent.front().end > window)) {
       reportUnpaired(recent.front());
       recent.erase(recent.begin());
@@ -325,7 +343,7 @@ struct Receiver::State {
   // are added up there, as a partner of either polarity.
   bool readWithPartner(const receiver::Payload& found) {
     const double length = found.end - found.start;
-    const double gap = kStopAndSilence * scale;
+    const double gap = receiver::kStopAndSilence * scale;
     const double margin = kWaveMargin * scale, settle = kFilterSettle * rate;
     const double oldest = written > capacity ? static_cast<double>(written - capacity) : 0.0;
     for (const double start : {found.end + gap, found.start - gap - length}) {
@@ -356,29 +374,48 @@ struct Receiver::State {
   }
 
   void reportUnpaired(const receiver::Payload& payload) {
-    if (readWithPartner(payload)) return;
+    // A payload is followed by silence: a reading with signal just after it
+    // ends some bits early, and its partner's place would be wrong too.
+    const bool beforeSilence = payload.snrAfterDb >= kReportableSnrDb;
+    if (beforeSilence && readWithPartner(payload)) return;
     if (payload.confidence < kReportableMargin || payload.snrDb < kReportableSnrDb) return;
     emit(receiver::assemble(payload, nullptr, rate), payload.start, payload.end, payload.amplitude);
   }
 
   void emit(Transmission transmission, double start, double end, double amplitude) {
-    // An echo: a copy no stronger than a transmission just reported, or a
-    // much weaker damaged stretch, close behind or inside it. The same bits
-    // within the transmission itself are that transmission, read again.
-    if (last && start >= last->start && start - last->end < kEchoHoldOffSeconds * rate) {
-      const bool same = transmission.bits[0] == last->bits;
-      const bool copy = same && (amplitude <= 1.1 * last->amplitude || start < last->end);
-      const bool weakDebris = transmission.damaged && amplitude < 0.7 * last->amplitude;
-      if (copy || weakDebris) return;
+    if (last && start >= last->start && echoOfLast(transmission, start, amplitude)) return;
+    if (!transmission.damaged) {
+      Command sent;
+      sent.verb = transmission.command;
+      const double length = commandFrames(sent) * scale;
+      last = Reported{transmission.bits[0], start, end, amplitude, start + kHoldOff * length};
     }
-    if (!transmission.damaged) last = Reported{transmission.bits[0], start, end, amplitude};
     if (callback) callback(transmission);
     decoded.push_back(std::move(transmission));
+  }
+
+  // Whether a reading that begins at `start` belongs to the transmission
+  // reported last. No transmission begins before the last one's length has
+  // passed: whatever is read inside it (a reflection, a reverberation tail
+  // read as bits) is that transmission again, however long the room. Later,
+  // a copy of the same bits much weaker, or no stronger and close behind,
+  // is an echo; so is a much weaker damaged stretch close behind.
+  bool echoOfLast(const Transmission& transmission, double start, double amplitude) const {
+    if (start < last->holdUntil) return true;
+    const bool same = transmission.bits[0] == last->bits;
+    const double after = start - last->end;
+    if (same && amplitude < kEchoAmplitude * last->amplitude && after < kLongEchoSeconds * rate)
+      return true;
+    if (after >= kEchoHoldOffSeconds * rate) return false;
+    const bool copy = same && amplitude <= 1.1 * last->amplitude;
+    const bool weakDebris = transmission.damaged && amplitude < kEchoAmplitude * last->amplitude;
+    return copy || weakDebris;
   }
 
   struct Reported {
     std::string bits;
     double start, end, amplitude;
+    double holdUntil;  // no other transmission can begin before
   };
 
   const double rate, scale;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "receiver/frame_geometry.h"
 #include "receiver/transmission.h"
 
 namespace nimbara::receiver {
@@ -13,6 +14,11 @@ namespace {
 // How far (samples at 44100 Hz) the second repetition may be from where the
 // two readings put it: a 0-bit and more.
 constexpr double kAlignSlack = 30;
+// How far (samples at 44100 Hz) the sum's reading may begin and end from the
+// first repetition's: a 0-bit (a run of 1-bits read with the other polarity
+// begins one 0-bit late) with slack, and at the end a 1-bit read as a 0-bit.
+constexpr double kStartSlack = 26;
+constexpr double kEndSlack = 44;
 // How much of the first repetition's power the second must show in the last
 // quarter of the payload: a cut one does not count.
 constexpr double kPresentTail = 0.25;
@@ -26,12 +32,28 @@ double meanMagnitude(const std::vector<float>& x) {
   return sum / static_cast<double>(std::max<std::size_t>(1, x.size()));
 }
 
+// The sum's reading, if it is a command read clearly where the first
+// repetition lies: a reading that starts some bits late or ends some bits
+// early fits another layout, not this frame (its second repetition would
+// not begin one silence after it).
+std::optional<Payload> fitting(std::optional<Payload> combined, const Payload& first,
+                               double sampleRate) {
+  const double scale = sampleRate / kReferenceRate;
+  if (!combined || combined->confidence < kCombinedMargin ||
+      assemble(*combined, &*combined, sampleRate).damaged ||
+      std::fabs(combined->start - first.start) > kStartSlack * scale ||
+      std::fabs(combined->end - first.end) > kEndSlack * scale) {
+    return std::nullopt;
+  }
+  return combined;
+}
+
 }  // namespace
 
 std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, const Payload& second,
                                double sampleRate) {
   if (first.wave.empty() || second.wave.empty()) return std::nullopt;
-  const double scale = sampleRate / 44100.0;
+  const double scale = sampleRate / kReferenceRate;
   const float sign = first.polarity == second.polarity ? 1.0f : -1.0f;
   const auto expected = static_cast<std::ptrdiff_t>(std::llround(second.start - first.start)) -
                         (static_cast<std::ptrdiff_t>(second.waveStart) -
@@ -66,11 +88,17 @@ std::optional<Payload> readSum(PayloadDecoder& decoder, const Payload& first, co
        ++i) {
     sum[i] += sign * second.wave[i + bestShift];
   }
-  auto combined = decoder.decode(sum, first.waveStart, first.start, first.end, meanMagnitude(sum));
-  if (!combined || combined->confidence < kCombinedMargin ||
-      assemble(*combined, &*combined, sampleRate).damaged) {
-    return std::nullopt;
+  // Read from about where the first repetition begins; if that reading
+  // does not keep the frame's geometry, read again from exactly there.
+  const double level = meanMagnitude(sum);
+  auto combined = fitting(decoder.decode(sum, first.waveStart, first.start, first.end, level),
+                          first, sampleRate);
+  if (!combined) {
+    combined = fitting(
+        decoder.decode(sum, first.waveStart, first.start, first.end, level, kStartSlack * scale),
+        first, sampleRate);
   }
+  if (!combined) return std::nullopt;
   // Each repetition alone must bear the sum's reading out: noise costs it
   // a little, a repetition that carried other bits a lot.
   const auto alone = [&](const Payload& repetition, double start, int polarity) {

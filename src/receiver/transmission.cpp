@@ -4,12 +4,10 @@
 
 #include <algorithm>
 
+#include "receiver/frame_geometry.h"
+
 namespace nimbara::receiver {
 namespace {
-
-constexpr double kReferenceRate = 44100.0;
-constexpr double kWakeUpAndSilence = 220 + 441;  // before the first payload
-constexpr double kStopAndSilence = 5 + 441;      // between the repetitions
 
 std::uint32_t field(const std::string& bits, std::size_t from, std::size_t width) {
   std::uint32_t value = 0;
