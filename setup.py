@@ -1,7 +1,6 @@
 """Builds nimbara._nimbara with CMake: the library's own build of its sources,
 plus the pybind11 module, into setuptools' temporary folder."""
 import os
-import re
 import shutil
 import subprocess
 import sys
@@ -14,8 +13,18 @@ ROOT = Path(__file__).resolve().parent
 
 
 def project_version():
-    text = (ROOT / "CMakeLists.txt").read_text()
-    return re.search(r"project\(nimbara VERSION ([0-9.]+)", text).group(1)
+    return (ROOT / "VERSION").read_text().strip()
+
+
+def pybind11_location():
+    """pybind11's CMake package from its Python package, when there is one
+    (an isolated build's, or Debian's python3-pybind11); otherwise CMake
+    searches the system for it."""
+    try:
+        import pybind11
+    except ImportError:
+        return []
+    return [f"-Dpybind11_DIR={pybind11.get_cmake_dir()}"]
 
 
 class CMakeBuild(build_ext):
@@ -31,6 +40,7 @@ class CMakeBuild(build_ext):
              "-DNIMBARA_BUILD_BENCH=OFF",
              "-DNIMBARA_BUILD_TOOL=OFF",
              f"-DPython_EXECUTABLE={sys.executable}",
+             *pybind11_location(),
              f"-DCMAKE_LIBRARY_OUTPUT_DIRECTORY={out_dir}"],
             check=True)
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
