@@ -10,6 +10,8 @@ from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
 ROOT = Path(__file__).resolve().parent
+sys.path.insert(0, str(ROOT / "python" / "build_backend"))
+from wheel_fallback import bdist_wheel_command  # noqa: E402
 
 
 def project_version():
@@ -58,5 +60,6 @@ setup(
     packages=["nimbara"],
     package_data={"nimbara": ["py.typed", "*.pyi"]},
     ext_modules=[Extension("nimbara._nimbara", sources=[])],
-    cmdclass={"build_ext": CMakeBuild},
+    cmdclass={"build_ext": CMakeBuild,
+              **({"bdist_wheel": bdist_wheel_command()} if bdist_wheel_command() else {})},
 )
