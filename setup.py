@@ -1,7 +1,6 @@
 """Builds nimbara._nimbara with CMake: the library's own build of its sources,
 plus the pybind11 module, into setuptools' temporary folder."""
 import os
-import re
 import shutil
 import subprocess
 import sys
@@ -11,11 +10,23 @@ from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
 ROOT = Path(__file__).resolve().parent
+sys.path.insert(0, str(ROOT / "python" / "build_backend"))
+from wheel_fallback import bdist_wheel_command  # noqa: E402
 
 
 def project_version():
-    text = (ROOT / "CMakeLists.txt").read_text()
-    return re.search(r"project\(nimbara VERSION ([0-9.]+)", text).group(1)
+    return (ROOT / "VERSION").read_text().strip()
+
+
+def pybind11_location():
+    """pybind11's CMake package from its Python package, when there is one
+    (an isolated build's, or Debian's python3-pybind11); otherwise CMake
+    searches the system for it."""
+    try:
+        import pybind11
+    except ImportError:
+        return []
+    return [f"-Dpybind11_DIR={pybind11.get_cmake_dir()}"]
 
 
 class CMakeBuild(build_ext):
@@ -31,6 +42,7 @@ class CMakeBuild(build_ext):
              "-DNIMBARA_BUILD_BENCH=OFF",
              "-DNIMBARA_BUILD_TOOL=OFF",
              f"-DPython_EXECUTABLE={sys.executable}",
+             *pybind11_location(),
              f"-DCMAKE_LIBRARY_OUTPUT_DIRECTORY={out_dir}"],
             check=True)
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
@@ -48,5 +60,6 @@ setup(
     packages=["nimbara"],
     package_data={"nimbara": ["py.typed", "*.pyi"]},
     ext_modules=[Extension("nimbara._nimbara", sources=[])],
-    cmdclass={"build_ext": CMakeBuild},
+    cmdclass={"build_ext": CMakeBuild,
+              **({"bdist_wheel": bdist_wheel_command()} if bdist_wheel_command() else {})},
 )
