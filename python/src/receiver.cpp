@@ -16,8 +16,9 @@ namespace py = pybind11;
 namespace nimbara::python {
 
 py::dict transmissionDict(const Transmission& t) {
-  static const py::object loads = py::module_::import("json").attr("loads");
-  return loads(transmissionFields(t));
+  // Never destroyed: the interpreter may be gone by the time statics are.
+  static const py::object* loads = new py::object(py::module_::import("json").attr("loads"));
+  return (*loads)(transmissionFields(t));
 }
 
 namespace {
