@@ -78,6 +78,12 @@ export async function createNimbara(wasmBinary) {
     return withString(JSON.stringify(words), (fields) => parsedText(m._nimbara_web_command_fields(fields)));
   }
 
+  // The names of the fields a verb carries ('red', 'time', ...).
+  function verbFields(verb) {
+    if (typeof verb !== 'string') throw new TypeError('nimbara: a verb is a string');
+    return withString(verb, (text) => parsedText(m._nimbara_web_verb_fields(text)));
+  }
+
   // render(operation, numbers) as before; render(verb, words) when a word is a
   // string; render(words) for an array of words; render(fields) for a field map.
   function fieldsOf(operation, args) {
@@ -188,5 +194,5 @@ export async function createNimbara(wasmBinary) {
     }
   }
 
-  return { command, render, decode, describe, isHeadsetRoute, Receiver };
+  return { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver };
 }

@@ -64,6 +64,10 @@ export type Words = [string, ...(string | number)[]];
  * and completed). Throws RangeError naming what is wrong. */
 export function command(words: Words | CommandFields): CommandFields;
 
+/** The names of the fields a verb carries ('red', 'green', 'blue', 'special',
+ * 'time', 'number', 'asks_tank'). */
+export function verbFields(verb: string): string[];
+
 /**
  * The exact samples the operation hands the output, interleaved stereo 16-bit
  * at 44100 Hz. With numbers, flash and puff take red, green, blue[, special[,
@@ -108,6 +112,7 @@ export const wasmBinary: Uint8Array;
  * AudioWorklet): import core.js from the package and await this. */
 export function createNimbara(wasmBinary: BufferSource): Promise<{
   command: typeof command;
+  verbFields: typeof verbFields;
   render: typeof render;
   describe: typeof describe;
   decode: typeof decode;

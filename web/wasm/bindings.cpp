@@ -116,6 +116,22 @@ EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_fields(const char* fields) 
   });
 }
 
+// The fields a verb carries, as a JSON array of their names.
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_verb_fields(const char* verb) {
+  return guarded<const char*>(nullptr, [&] {
+    if (!nimbara::isCommandName(verb)) {
+      throw std::invalid_argument("unknown command \"" + std::string(verb) + "\"");
+    }
+    std::string list = "[";
+    for (const char* field : {"red", "green", "blue", "special", "time", "number", "asks_tank"}) {
+      if (!nimbara::verbCarries(verb, field)) continue;
+      if (list.size() > 1) list += ",";
+      list += "\"" + std::string(field) + "\"";
+    }
+    return text(list + "]");
+  });
+}
+
 // The frames of a command's transmission.
 EMSCRIPTEN_KEEPALIVE int nimbara_web_command_frames(const char* fields) {
   return guarded(-1, [&] {
