@@ -41,8 +41,7 @@ TEST(Vocabulary, EachRowOfTheTableNamesItsOpcodeOperationAndLength) {
     const Command command =
         nimbara::makeCommand(form.operation, std::vector<long long>(form.layout.size(), 1));
     EXPECT_EQ(&nimbara::commandForm(command), &form) << form.operation;
-    EXPECT_EQ(nimbara::renderCommand(command).size() / 2,
-              form.frames) << form.operation;
+    EXPECT_EQ(nimbara::renderCommand(command).size() / 2, form.frames) << form.operation;
   }
   EXPECT_STREQ(nimbara::verbOfOpcode(2, 32, nullptr), "unknown");
   EXPECT_EQ(nimbara::commandVerbs(),
@@ -55,9 +54,8 @@ TEST(Vocabulary, EveryColourSyntaxMakesTheSameCommand) {
            {"flash", "#ffa500"}, {"flash", "FFA500"}, {"flash", "orange"}, {"flash", "Orange"}}) {
     EXPECT_EQ(commandFields(commandFromWords(words)), orange) << words[1];
   }
-  EXPECT_EQ(orange,
-            R"({"command":"flash","red":255,"green":165,"blue":0,"special":0,"time":500,)"
-            R"("operation":"doLightLed"})");
+  EXPECT_EQ(orange, R"({"command":"flash","red":255,"green":165,"blue":0,"special":0,"time":500,)"
+                    R"("operation":"doLightLed"})");
 }
 
 TEST(Vocabulary, WordsWithOptionsAndTheOperationNames) {
@@ -72,8 +70,8 @@ TEST(Vocabulary, WordsWithOptionsAndTheOperationNames) {
   EXPECT_EQ(commandFields(commandFromWords({"spray", "-20"})),
             R"({"command":"spray","time":-20,"sprays":-20,"operation":"createSprayProtocol"})");
   EXPECT_EQ(commandFields(commandFromWords({"doSprayWithLightLed", "1", "2", "3", "4", "50"})),
-            commandFields(commandFromWords({"puff", "1", "2", "3", "--special", "4", "--time",
-                                            "50", "--no-tank"})));
+            commandFields(commandFromWords(
+                {"puff", "1", "2", "3", "--special", "4", "--time", "50", "--no-tank"})));
   EXPECT_EQ(nimbara::renderCommand(commandFromWords({"echo", "7"})),
             nimbara::renderCommand(nimbara::makeCommand("doEcho", {7})));
 }
@@ -87,7 +85,8 @@ TEST(Vocabulary, BadWordsAreNamedInOneLine) {
   EXPECT_EQ(failure({"spray"}), "spray takes one time in milliseconds, not 0 words");
   EXPECT_EQ(failure({"state", "now"}), "state takes nothing, not 1 words");
   EXPECT_EQ(failure({"echo", "x"}), "number must be a decimal number, not \"x\"");
-  EXPECT_EQ(failure({"spray", "5", "--time", "3"}), "spray takes no --special, --time or --no-tank");
+  EXPECT_EQ(failure({"spray", "5", "--time", "3"}),
+            "spray takes no --special, --time or --no-tank");
   EXPECT_EQ(failure({"flash", "red", "--no-tank"}), "only puff takes --no-tank");
   EXPECT_EQ(failure({"puf", "red"}), "unknown command \"puf\" (did you mean puff?)");
   EXPECT_EQ(failure({"puff", "red", "--time"}), "--time needs a value");
@@ -97,14 +96,14 @@ TEST(Vocabulary, BadWordsAreNamedInOneLine) {
 }
 
 TEST(Vocabulary, FieldMapsRoundTripAndRefuseWhatIsWrong) {
-  for (const auto& words : std::vector<std::vector<std::string>>{
-           {"flash", "1", "2", "3", "--time", "-7"},
-           {"puff", "teal", "--time", "20", "--no-tank"},
-           {"puff", "teal"},
-           {"spray", "300"},
-           {"state"},
-           {"tank"},
-           {"echo", "4294967295"}}) {
+  for (const auto& words :
+       std::vector<std::vector<std::string>>{{"flash", "1", "2", "3", "--time", "-7"},
+                                             {"puff", "teal", "--time", "20", "--no-tank"},
+                                             {"puff", "teal"},
+                                             {"spray", "300"},
+                                             {"state"},
+                                             {"tank"},
+                                             {"echo", "4294967295"}}) {
     const Command command = commandFromWords(words);
     const Command back = commandFromFields(commandFields(command));
     EXPECT_EQ(commandFields(back), commandFields(command)) << words[0];
@@ -129,8 +128,8 @@ TEST(Vocabulary, FieldMapsRoundTripAndRefuseWhatIsWrong) {
 
 TEST(Vocabulary, ReceivedTransmissionsCarryTheSameFields) {
   nimbara::setLogSink({});
-  const auto samples = nimbara::renderCommand(commandFromWords({"puff", "red", "--time", "5000",
-                                                                "--no-tank"}));
+  const auto samples =
+      nimbara::renderCommand(commandFromWords({"puff", "red", "--time", "5000", "--no-tank"}));
   nimbara::Receiver receiver(44100, 2);
   receiver.push(samples.data(), samples.size() / 2);
   receiver.finish();
@@ -142,7 +141,8 @@ TEST(Vocabulary, ReceivedTransmissionsCarryTheSameFields) {
   EXPECT_EQ(fields.substr(damaged, fields.find(",\"confidence\"") - damaged),
             R"(,"damaged":false,"red":255,"green":0,"blue":0,"special":0,"time":1000,)"
             R"("asks_tank":false)");
-  EXPECT_EQ(nimbara::accessoryAction(heard[0], false), "sprays for 1000 ms, LED rgb(255, 0, 0) special 0");
+  EXPECT_EQ(nimbara::accessoryAction(heard[0], false),
+            "sprays for 1000 ms, LED rgb(255, 0, 0) special 0");
   EXPECT_EQ(nimbara::describeTransmissionCommand(heard[0]),
             "puff rgb(255, 0, 0) special 0 time 1000 ms without asking for the tank");
 }

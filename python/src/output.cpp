@@ -195,8 +195,7 @@ void bindOutput(py::module_& m) {
       .def_property_readonly("closed", &Output::closed)
       .def("route", &Output::route)
       .def("present", &Output::present)
-      .def("transmit", &Output::transmit, py::arg("fields"),
-           py::arg("skip_precheck"))
+      .def("transmit", &Output::transmit, py::arg("fields"), py::arg("skip_precheck"))
       .def("heard", &Output::heard);
   m.def(
       "status_text",

@@ -32,8 +32,8 @@ constexpr std::pair<std::string_view, Sender> kSenders[] = {
      [](const Command& c) {
        ResponseRecord record;
        std::memset(&record, 0, sizeof record);
-       return executeFunction(commandForm(c).frame(c), NIMBARA_REPLY_STATUS,
-                              2ul * commandFrames(c), &record);
+       return executeFunction(commandForm(c).frame(c), NIMBARA_REPLY_STATUS, 2ul * commandFrames(c),
+                              &record);
      }},
     {"doAquireDeviceState", [](const Command&) { return doAquireDeviceState(); }},
     {"doGetTankId",

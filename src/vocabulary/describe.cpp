@@ -46,8 +46,7 @@ std::string describeCommand(const Command& c) {
 std::string describeTransmissionCommand(const Transmission& t) {
   const CommandForm* form = detail::formOfVerb(t.command, t.asksTank);
   if (form == nullptr) return t.command;
-  return t.command +
-         arguments(form->fields, t.red, t.green, t.blue, t.special, t.time, t.number) +
+  return t.command + arguments(form->fields, t.red, t.green, t.blue, t.special, t.time, t.number) +
          ((form->fields & kFieldAsksTank) && !t.asksTank ? kNoTank : "");
 }
 

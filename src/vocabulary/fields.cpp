@@ -61,8 +61,7 @@ Command commandFromFields(const std::string& text) {
   if (asks != json.end() && !asks->is_boolean()) {
     throw std::invalid_argument("asks_tank must be true or false, not " + asks->dump());
   }
-  const CommandForm* form =
-      detail::formOfVerb(name, asks == json.end() || asks->get<bool>());
+  const CommandForm* form = detail::formOfVerb(name, asks == json.end() || asks->get<bool>());
   if (form == nullptr) {
     const std::string near = nearestWord(name, commandVerbs());
     throw std::invalid_argument("unknown command \"" + name + "\"" +
@@ -92,8 +91,8 @@ Command commandFromFields(const std::string& text) {
   }
   // The derived fields, when given, must be this command's.
   const auto sprays = json.find("sprays");
-  if (sprays != json.end() && (!(form->sprays) || integerField("sprays", *sprays) !=
-                                                      sprayMilliseconds(command))) {
+  if (sprays != json.end() &&
+      (!(form->sprays) || integerField("sprays", *sprays) != sprayMilliseconds(command))) {
     throw std::invalid_argument("sprays " + sprays->dump() + " does not match the command");
   }
   const auto operation = json.find("operation");

@@ -19,44 +19,49 @@ const std::vector<CommandField> kLed = {kFieldRed, kFieldGreen, kFieldBlue, kFie
                                         kFieldTime};
 constexpr unsigned kLedFields = kFieldRed | kFieldGreen | kFieldBlue | kFieldSpecial | kFieldTime;
 
+// The frames, by the library's frame builders.
+FrameNode* flashFrame(const Command& c) {
+  return createLightLedProtocol(c.red, c.green, c.blue, c.special, sentTime(c));
+}
+FrameNode* puffFrame(const Command& c) {
+  return createSprayWithLightLedGetTankIdProtocol(c.red, c.green, c.blue, c.special, sentTime(c));
+}
+FrameNode* plainPuffFrame(const Command& c) {
+  return createSprayWithLightLedProtocol(c.red, c.green, c.blue, c.special, sentTime(c));
+}
+FrameNode* sprayFrame(const Command& c) {
+  return createSprayProtocol(c.time);
+}
+FrameNode* stateFrame(const Command&) {
+  return createAcquireProtocol();
+}
+FrameNode* tankFrame(const Command&) {
+  return createGetTankIdProtocol();
+}
+FrameNode* echoFrame(const Command& c) {
+  return createEchoProtocol(c.number);
+}
+
 }  // namespace
 
 const std::vector<CommandForm>& commandForms() {
-  // verb, asks tank, opcode, parameter bits, operation, layout, required
-  // words, fields, frames, clamps time, sprays, lights LED, answer, frame
+  using enum CommandAnswer;
+  // clang-format off
   static const std::vector<CommandForm> table = {
-      {"flash", false, 4, 48, "doLightLed", kLed, 3, kLedFields, kCommandFrames, false, false, true,
-       CommandAnswer::None,
-       [](const Command& c) {
-         return createLightLedProtocol(c.red, c.green, c.blue, c.special, sentTime(c));
-       }},
-      {"puff", true, 5, 48, "doSprayWithLightLedGetTankId", kLed, 3, kLedFields | kFieldAsksTank,
-       kCommandFrames, true, true, true, CommandAnswer::None,
-       [](const Command& c) {
-         return createSprayWithLightLedGetTankIdProtocol(c.red, c.green, c.blue, c.special,
-                                                         sentTime(c));
-       }},
-      {"puff", false, 2, 48, "doSprayWithLightLed", kLed, 3, kLedFields | kFieldAsksTank,
-       kCommandFrames, true, true, true, CommandAnswer::None,
-       [](const Command& c) {
-         return createSprayWithLightLedProtocol(c.red, c.green, c.blue, c.special, sentTime(c));
-       }},
-      {"spray", false, 2, 16, "createSprayProtocol", {kFieldTime}, 1, kFieldTime, kCommandFrames,
-       false, true, false, CommandAnswer::None,
-       [](const Command& c) { return createSprayProtocol(c.time); }},
-      {"state", false, 1, 8, "doAquireDeviceState", {}, 0, 0, kQueryFrames, false, false, false,
-       CommandAnswer::None, [](const Command&) { return createAcquireProtocol(); }},
-      {"tank", false, 3, 8, "doGetTankId", {}, 0, 0, kQueryFrames, false, false, false,
-       CommandAnswer::Tank, [](const Command&) { return createGetTankIdProtocol(); }},
-      {"echo", false, 255, 32, "doEcho", {kFieldNumber}, 1, kFieldNumber, kCommandFrames, false,
-       false, false, CommandAnswer::Echo,
-       [](const Command& c) { return createEchoProtocol(c.number); }},
+  // verb     asks   opcode bits operation                       layout         words fields                       frames          clamps sprays LED    answer frame
+    {"flash", false, 4,     48,  "doLightLed",                   kLed,          3,    kLedFields,                  kCommandFrames, false, false, true,  None,  flashFrame},
+    {"puff",  true,  5,     48,  "doSprayWithLightLedGetTankId", kLed,          3,    kLedFields | kFieldAsksTank, kCommandFrames, true,  true,  true,  None,  puffFrame},
+    {"puff",  false, 2,     48,  "doSprayWithLightLed",          kLed,          3,    kLedFields | kFieldAsksTank, kCommandFrames, true,  true,  true,  None,  plainPuffFrame},
+    {"spray", false, 2,     16,  "createSprayProtocol",          {kFieldTime},  1,    kFieldTime,                  kCommandFrames, false, true,  false, None,  sprayFrame},
+    {"state", false, 1,     8,   "doAquireDeviceState",          {},            0,    0,                           kQueryFrames,   false, false, false, None,  stateFrame},
+    {"tank",  false, 3,     8,   "doGetTankId",                  {},            0,    0,                           kQueryFrames,   false, false, false, Tank,  tankFrame},
+    {"echo",  false, 255,   32,  "doEcho",                       {kFieldNumber},1,    kFieldNumber,                kCommandFrames, false, false, false, Echo,  echoFrame},
   };
+  // clang-format on
   return table;
 }
 
 namespace detail {
-
 
 const CommandForm* formOfVerb(const std::string& verb, bool asksTank) {
   const auto& table = commandForms();
@@ -110,10 +115,10 @@ Command makeCommand(const std::string& name, const std::vector<long long>& argum
   // A verb may leave out its optional arguments; an operation takes them all.
   const std::size_t required = name == form->verb ? form->required : form->layout.size();
   if (arguments.size() < required || arguments.size() > form->layout.size()) {
-    const std::string count = required == form->layout.size()
-                                  ? std::to_string(required)
-                                  : std::to_string(required) + " to " +
-                                        std::to_string(form->layout.size());
+    const std::string count =
+        required == form->layout.size()
+            ? std::to_string(required)
+            : std::to_string(required) + " to " + std::to_string(form->layout.size());
     throw std::invalid_argument(name + " takes " + count + " arguments, not " +
                                 std::to_string(arguments.size()));
   }

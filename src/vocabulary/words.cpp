@@ -68,9 +68,9 @@ Command ledCommand(const CommandForm& form, const Words& w) {
     const detail::FieldName& f = *detail::fieldNamed(field);
     return text ? decimalWord(f.name, *text, f.low, f.high) : otherwise;
   };
-  Command command = makeCommand(form.verb, {rgb.red, rgb.green, rgb.blue,
-                                            option(w.special, kFieldSpecial, 0),
-                                            option(w.time, kFieldTime, 500)});
+  Command command =
+      makeCommand(form.verb, {rgb.red, rgb.green, rgb.blue, option(w.special, kFieldSpecial, 0),
+                              option(w.time, kFieldTime, 500)});
   command.asksTank = !w.noTank;
   return command;
 }
@@ -99,7 +99,8 @@ long long decimalWord(const std::string& name, const std::string& text, long lon
   const bool decimal = text.size() > start &&
                        std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(),
                                    [](unsigned char c) { return std::isdigit(c) != 0; });
-  if (!decimal) throw std::invalid_argument(name + " must be a decimal number, not " + quoted(text));
+  if (!decimal)
+    throw std::invalid_argument(name + " must be a decimal number, not " + quoted(text));
   errno = 0;
   char* end = nullptr;
   const long long value = std::strtoll(text.c_str(), &end, 10);

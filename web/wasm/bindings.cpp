@@ -104,16 +104,14 @@ EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_from_words(const char* word
 EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_from_arguments(const char* name,
                                                                     const double* arguments,
                                                                     int count) {
-  return guarded<const char*>(nullptr, [&] {
-    return text(nimbara::commandFields(commandOf(name, arguments, count)));
-  });
+  return guarded<const char*>(
+      nullptr, [&] { return text(nimbara::commandFields(commandOf(name, arguments, count))); });
 }
 
 // The field map of a command given as its field map, checked and completed.
 EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_fields(const char* fields) {
-  return guarded<const char*>(nullptr, [&] {
-    return text(nimbara::commandFields(nimbara::commandFromFields(fields)));
-  });
+  return guarded<const char*>(
+      nullptr, [&] { return text(nimbara::commandFields(nimbara::commandFromFields(fields))); });
 }
 
 // The fields a verb carries, as a JSON array of their names.
