@@ -4,12 +4,18 @@
 #include <nimbara/api/vocabulary.h>
 
 #include <string>
+#include <variant>
 
 namespace nimbara::detail {
+
+// The member of Command that holds a field.
+using FieldMember = std::variant<std::uint8_t Command::*, std::int16_t Command::*,
+                                 std::uint32_t Command::*, bool Command::*>;
 
 struct FieldName {
   const char* name;
   CommandField field;
+  FieldMember member;
   long long low, high;
   // How the words of a verb that takes only this field name it.
   const char* asOnlyWord;

@@ -8,7 +8,22 @@ export type Operation =
 
 /** One transmission as the accessory would have understood it (the fields of
  * the tool's JSON Lines). A field the verb does not carry is left out. */
-export interface Transmission {
+/** The fields a verb carries, each left out when it does not. */
+export interface CarriedFields {
+  /** flash and puff: the LED colour and special-effect byte. */
+  red?: number;
+  green?: number;
+  blue?: number;
+  special?: number;
+  /** Milliseconds (flash, puff, spray): a command's as asked, a transmission's as the frame carried it. */
+  time?: number;
+  /** The echo's number. */
+  number?: number;
+  /** puff: whether it also asks for the tank identity. */
+  asks_tank?: boolean;
+}
+
+export interface Transmission extends CarriedFields {
   /** flash, puff, spray, state, tank, echo, or unknown. */
   command: string;
   opcode: number;
@@ -16,16 +31,6 @@ export interface Transmission {
   start: number;
   /** Bad parity, disagreeing or missing repetitions, or an unknown layout. */
   damaged: boolean;
-  red?: number;
-  green?: number;
-  blue?: number;
-  special?: number;
-  /** Milliseconds: the LED commands' and the spray's time, as the frame carried it. */
-  time?: number;
-  /** The echo's number. */
-  number?: number;
-  /** A puff that also asks for the tank identity. */
-  asks_tank?: boolean;
   /** From 0 to 1: the weakest bit's margin between its two waveforms. */
   confidence: number;
   /** The estimated signal-to-noise ratio in dB. */
@@ -34,17 +39,8 @@ export interface Transmission {
 
 /** A command's field map, the same as the tool's --json and Python's
  * nimbara.command(). A field the verb does not carry is left out. */
-export interface CommandFields {
+export interface CommandFields extends CarriedFields {
   command: 'flash' | 'puff' | 'spray' | 'state' | 'tank' | 'echo';
-  red?: number;
-  green?: number;
-  blue?: number;
-  special?: number;
-  /** Milliseconds as asked for (flash, puff, spray). */
-  time?: number;
-  number?: number;
-  /** puff: whether it also asks for the tank identity. */
-  asks_tank?: boolean;
   /** puff and spray: how long the accessory sprays, in ms (a puff's time clamped to 100..1000). */
   sprays?: number;
   /** The library function that sends it. */
