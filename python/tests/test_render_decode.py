@@ -195,3 +195,21 @@ def test_noise_lowers_the_estimated_snr():
     assert 0 < b.confidence <= 1 and 0 < a.confidence <= 1
     assert a.snr_db > b.snr_db > 0
     assert abs(a.start - b.start) < 0.001
+
+
+def test_command_fields_from_words_and_from_fields():
+    puff = nimbara.command("puff", "Orange", "--time", 5000)
+    assert puff == {"command": "puff", "red": 255, "green": 165, "blue": 0, "special": 0,
+                    "time": 5000, "asks_tank": True, "sprays": 1000,
+                    "operation": "doSprayWithLightLedGetTankId"}
+    assert nimbara.command(puff) == puff
+    assert nimbara.command({"command": "puff", "red": 1, "green": 2, "blue": 3,
+                            "asks_tank": False})["operation"] == "doSprayWithLightLed"
+    assert nimbara.command("state") == {"command": "state", "operation": "doAquireDeviceState"}
+    assert np.array_equal(nimbara.render(puff), nimbara.render("puff", 255, 165, 0, 0, 5000))
+    with pytest.raises(ValueError, match=r'unknown command "puf" \(did you mean puff\?\)'):
+        nimbara.command("puf", "red")
+    with pytest.raises(ValueError, match="sprays 900 does not match"):
+        nimbara.command(dict(puff, sprays=900))
+    with pytest.raises(TypeError, match="first word"):
+        nimbara.command(3)
