@@ -27,7 +27,3 @@ def command(*words) -> Dict[str, Any]:
     if len(words) == 1 and isinstance(words[0], dict):
         return json.loads(_nimbara.command_fields(json.dumps(words[0])))
     return json.loads(_nimbara.command_from_words(words_of(words)))
-
-
-def fields_text(fields: Dict[str, Any]) -> str:
-    return json.dumps(fields)
