@@ -43,6 +43,9 @@ class Transmission:
     def __setattr__(self, name, value):
         raise AttributeError("a Transmission is read-only")
 
+    def __reduce__(self):
+        return (Transmission, (self._fields,))
+
     def __eq__(self, other):
         return isinstance(other, Transmission) and self._fields == other._fields
 

@@ -1,4 +1,5 @@
 """render against the tool's render, and the receiver over rendered sound."""
+import pickle
 import subprocess
 import wave
 
@@ -161,6 +162,7 @@ def test_receiver_in_uneven_chunks():
     assert [t.command for t in found] == ["flash", "puff", "echo", "spray"]
     assert [getattr(t, "number", None) for t in found] == [None, None, 77, None]
     assert found == nimbara.decode(stream)
+    assert pickle.loads(pickle.dumps(found)) == found
     # Interleaved flat chunks of floats give the same.
     flat = nimbara.Receiver(44100, 2)
     floats = (stream / 32768.0).reshape(-1)
