@@ -120,6 +120,8 @@ TEST(Vocabulary, FieldMapsRoundTripAndRefuseWhatIsWrong) {
   EXPECT_EQ(fieldFailure(R"({"command":"flash","red":256,"green":1,"blue":1})"),
             "red must be from 0 to 255, not 256");
   EXPECT_EQ(fieldFailure(R"({"command":"flash","green":1,"blue":1})"), "flash needs red");
+  EXPECT_EQ(fieldFailure(R"({"command":"echo","number":18446744073709551615})"),
+            "number is out of range: 18446744073709551615");
   EXPECT_EQ(fieldFailure(R"({"command":"echo","number":1,"colour":2})"),
             "\"colour\" is not a command's field");
   EXPECT_EQ(fieldFailure(R"({"command":"puff","red":1,"green":1,"blue":1,"sprays":5000})"),

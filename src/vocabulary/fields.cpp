@@ -30,6 +30,9 @@ void addFields(Json& json, unsigned carried, const Command& values) {
 }
 
 long long integerField(const std::string& name, const Json& value) {
+  if (value.is_number_unsigned() && value.get<unsigned long long>() > 9'000'000'000'000'000ULL) {
+    throw std::invalid_argument(name + " is out of range: " + value.dump());
+  }
   if (value.is_number_integer()) return value.get<long long>();
   if (value.is_number_float()) {
     const double d = value.get<double>();
