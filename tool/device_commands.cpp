@@ -31,7 +31,8 @@ std::vector<nimbara::Transmission> accessoryHeard(const Output& output) {
 // Exit 3 for no device; a failing output is an error naming its cause.
 int send(const Globals& globals, const Output& output, const nimbara::Command& command) {
   auto protocol = checkPresence(globals);
-  if (command.verb == "flash" || command.verb == "puff") warnAboutLevel(output);
+  const nimbara::CommandForm& form = nimbara::commandForm(command);
+  if (form.lightsLed) warnAboutLevel(output);
   trace(globals, "sending " + describeCommand(command) + " (" + nimbara::operationName(command) +
                      ", " + std::to_string(nimbara::commandFrames(command)) + " frames)");
   const std::int32_t status = nimbara::sendCommand(command);
@@ -42,14 +43,14 @@ int send(const Globals& globals, const Output& output, const nimbara::Command& c
 
   Json json = commandJson(command);
   std::string text = describeCommand(command) + "\n";
-  if (command.verb == "tank") {
+  if (form.answer == nimbara::CommandAnswer::Tank) {
     // The accessory's answer is never heard: the library answers for it.
     const auto tank = protocol->getTankId();
     json["tank"] = tankJson(*tank);
     json["heard"] = false;
     text += "no reply is heard: the library's fixed tank identity is " + tank->description() +
             " (" + tank->encodeBase64() + ")\n";
-  } else if (command.verb == "echo") {
+  } else if (form.answer == nimbara::CommandAnswer::Echo) {
     const std::uint32_t answer = protocol->echo(command.number);
     json["echo"] = answer;
     json["heard"] = false;

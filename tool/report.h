@@ -1,9 +1,12 @@
-// How the tool tells what it did and found: text lines, or JSON with one set
-// of field names everywhere (command, red, green, blue, special, time, number,
-// asks_tank, ...).
+// How the tool tells what it did and found: text lines, or JSON in the
+// library's field map (command, red, green, blue, special, time, number,
+// asks_tank, ...). The lines for commands and transmissions, and what the
+// accessory does, are the library's (nimbara::describeCommand,
+// nimbara::accessoryAction).
 #pragma once
 
 #include <nimbara/api/command.h>
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/receiver/receiver.h>
 #include <nimbara/tank/TankId.h>
 
@@ -17,11 +20,8 @@ namespace tool {
 
 using Json = nlohmann::ordered_json;
 
-// A command's fields: those of its verb, and for a puff what it sprays.
+// A command's field map.
 Json commandJson(const nimbara::Command& command);
-// One line for a command: "puff rgb(255, 165, 0) special 0 time 600 ms", with
-// the spray clamp spelled out when it applies.
-std::string describeCommand(const nimbara::Command& command);
 
 // A received transmission: command, opcode, file (when given), start,
 // damaged, its arguments, confidence.
@@ -29,10 +29,6 @@ Json transmissionJson(const nimbara::Transmission& t, const std::string& file);
 std::string describeTransmission(const nimbara::Transmission& t);
 
 Json tankJson(const nimbara::TankId& tank);
-
-// What the accessory does on hearing a transmission, with the LED's colour
-// as a true-colour block when `colour` is set.
-std::string accessoryAction(const nimbara::Transmission& t, bool colour);
 
 // Whether standard output is a terminal that shows 24-bit colour and the
 // user has not asked for none (NO_COLOR).

@@ -1,5 +1,5 @@
-// Reading the command line's words: decimal numbers, colours, and a device
-// command from its verb and words, the same for every subcommand.
+// Reading the command line's words: decimal numbers, seconds, and a device
+// command from its verb and words, through the library's vocabulary.
 #pragma once
 
 #include <nimbara/api/command.h>
@@ -20,13 +20,6 @@ long long decimalNumber(const std::string& name, const std::string& text, long l
 // A decimal or fractional number of seconds, finite and not negative.
 double seconds(const std::string& name, const std::string& text);
 
-struct Colour {
-  int red = 0, green = 0, blue = 0;
-};
-
-// One word ("#ff0080", "ff0080", "orange") or three ("255 0 128").
-Colour colour(const std::vector<std::string>& words);
-
 // The words after a verb, and its options, as the tool takes them.
 struct CommandWords {
   std::string verb;
@@ -34,6 +27,9 @@ struct CommandWords {
   std::optional<std::string> special, time;
   bool noTank = false;
 };
+
+// The words as the library takes them: the verb, its words, its options.
+std::vector<std::string> commandLine(const CommandWords& words);
 
 // The command, or a UsageError naming what is wrong. The library's operation
 // names are taken too, with their own arguments in the library's order.

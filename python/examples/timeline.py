@@ -46,7 +46,7 @@ def main():
             play(accessory, TIMELINE, options.speed)
             if options.device == "virtual":
                 for t in accessory.heard():
-                    print("accessory heard:", t.command, t.red, t.green, t.blue, t.time)
+                    print("accessory heard:", t.fields)
     except nimbara.NoDevice as e:
         raise SystemExit(f"timeline: {e}")
     except nimbara.AudioError as e:

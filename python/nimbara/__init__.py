@@ -5,6 +5,8 @@ stereo PCM at 44100 Hz), and the audio goes out through an audio output; the
 accessory listens. This package is the nimbara C++ library with Python's
 conventions:
 
+- :func:`command` gives a command's field map from the tool's words
+  (``command("puff", "orange", "--time", "300")``) or from a dict of fields;
 - :func:`render` gives the exact samples of a command, no device needed;
 - :func:`decode`, :func:`decode_file` and :class:`Receiver` turn sound back
   into commands (:class:`Transmission`);
@@ -16,12 +18,15 @@ conventions:
 - the library's log is silent until :func:`set_log_handler` is given a callable.
 """
 import atexit as _atexit
+import json as _json
 
 import numpy as _np
 
 from . import _nimbara
 from ._accessory import Accessory
 from ._arguments import integers as _integers
+from ._commands import command
+from ._commands import words_of as _words_of
 from ._errors import AudioError, Error, NoDevice
 from ._receive import Receiver, Transmission, decode, decode_file
 
@@ -44,20 +49,27 @@ __version__: str = _nimbara.__version__
 VERBS = tuple(_nimbara.command_names())
 
 
-def render(operation: str, *args: int) -> _np.ndarray:
+def render(operation, *args) -> _np.ndarray:
     """The exact samples that the operation hands the audio output, the same as
     ``nimbara render``: an int16 array of shape ``(frames, 2)``.
 
     ``operation`` is a verb ("flash", "puff", "spray", "state", "tank", "echo")
     or a library operation ("doLightLed", "doSprayWithLightLed",
     "doSprayWithLightLedGetTankId", "doAquireDeviceState", "doGetTankId",
-    "doEcho"). flash and puff take red, green, blue and optionally special and
-    time; spray takes time; echo a number; an operation takes all its own
-    arguments. ValueError for an unknown name, a wrong count or a value out of
-    range; TypeError for an argument that is not an integer.
+    "doEcho"), or a dict of a command's fields (see :func:`command`).
+    With integers alone, flash and puff take red, green, blue and optionally
+    special and time; spray takes time; echo a number; an operation takes all
+    its own arguments. With any str among them, they are the tool's words
+    (``render("puff", "orange", "--time", "300")``, ``render("flash", "#ff0080")``).
+    ValueError for an unknown name, a wrong count or a value out of range;
+    TypeError for an argument that is neither an integer nor a str.
     """
+    if isinstance(operation, dict) and not args:
+        return _nimbara.render_fields(_json.dumps(operation))
     if not isinstance(operation, str):
-        raise TypeError(f"operation must be a str, not {type(operation).__name__}")
+        raise TypeError(f"operation must be a str or a dict of fields, not {type(operation).__name__}")
+    if any(isinstance(a, str) for a in args):
+        return _nimbara.render_fields(_nimbara.command_from_words(_words_of((operation, *args))))
     return _nimbara.render(operation, _integers(operation, args))
 
 
@@ -82,5 +94,6 @@ _atexit.register(_nimbara.set_log_handler, None)
 
 __all__ = [
     "Accessory", "AudioError", "Error", "NoDevice", "Receiver", "TankId", "Transmission",
-    "VERBS", "__version__", "decode", "decode_file", "flush_log", "render", "set_log_handler",
+    "VERBS", "__version__", "command", "decode", "decode_file", "flush_log", "render",
+    "set_log_handler",
 ]

@@ -1,34 +1,35 @@
 """The accessory on an audio output."""
-from typing import List, Optional, Sequence, Tuple, Union
+import json
+from typing import Any, List, Optional, Sequence, Union
 
 from . import _nimbara
 from ._arguments import integer
+from ._commands import command
 from ._errors import AudioError, NoDevice
 from ._receive import Transmission, _transmissions
 
 Colour = Union[int, str, Sequence[int]]
 
 
-def _colour(red, green, blue):
-    """(red, green, blue) from three numbers, "#rrggbb" or an (r, g, b) sequence."""
+def _colour_words(red, green, blue):
+    """The colour as the tool's words: three numbers, an (r, g, b) sequence, or
+    one word ("#rrggbb", "rrggbb" or a CSS name such as "orange")."""
     if isinstance(red, str) or (not isinstance(red, int) and hasattr(red, "__len__")):
         if green is not None or blue is not None:
             raise TypeError("give a colour either as one value or as red, green and blue")
         if isinstance(red, str):
-            text = red
-            if len(text) != 7 or text[0] != "#":
-                raise ValueError(f'a colour text must look like "#rrggbb", not {text!r}')
-            try:
-                value = int(text[1:], 16)
-            except ValueError:
-                raise ValueError(f'a colour text must look like "#rrggbb", not {text!r}') from None
-            return (value >> 16) & 0xFF, (value >> 8) & 0xFF, value & 0xFF
+            return [red]
         if len(red) != 3:
             raise ValueError(f"a colour sequence must hold red, green and blue, not {len(red)} values")
-        return tuple(integer(n, v) for n, v in zip(("red", "green", "blue"), red))
+        return [str(integer(n, v)) for n, v in zip(("red", "green", "blue"), red)]
     if green is None or blue is None:
         raise TypeError("give green and blue too, or the colour as one value")
-    return integer("red", red), integer("green", green), integer("blue", blue)
+    return [str(integer("red", red)), str(integer("green", green)), str(integer("blue", blue))]
+
+
+def _led_words(verb, red, green, blue, special, time):
+    return [verb, *_colour_words(red, green, blue), "--special", str(integer("special", special)),
+            "--time", str(integer("time", time))]
 
 
 class Accessory:
@@ -99,38 +100,53 @@ class Accessory:
 
     def flash(self, red: Colour, green: Optional[int] = None, blue: Optional[int] = None,
               special: int = 0, time: int = 500) -> None:
-        """Lights the LED in a colour for ``time`` milliseconds."""
-        self._send("flash", [*_colour(red, green, blue), integer("special", special),
-                             integer("time", time)])
+        """Lights the LED in a colour for ``time`` milliseconds. The colour is
+        three numbers, an (r, g, b) sequence, or one word: "#rrggbb",
+        "rrggbb" or a CSS name ("orange")."""
+        self._send(_led_words("flash", red, green, blue, special, time))
 
     def puff(self, red: Colour, green: Optional[int] = None, blue: Optional[int] = None,
-             special: int = 0, time: int = 500) -> None:
+             special: int = 0, time: int = 500, tank: bool = True) -> None:
         """Sprays a puff while the LED is lit; the accessory sprays ``time``
-        clamped to 100..1000 milliseconds."""
-        self._send("puff", [*_colour(red, green, blue), integer("special", special),
-                            integer("time", time)])
+        clamped to 100..1000 milliseconds. With ``tank`` false the puff does
+        not also ask for the tank identity."""
+        words = _led_words("puff", red, green, blue, special, time)
+        self._send(words if tank else [*words, "--no-tank"])
 
     def spray(self, time: int) -> None:
         """Sprays for ``time`` milliseconds, the LED untouched."""
-        self._send("spray", [integer("time", time)])
+        self._send(["spray", str(integer("time", time))])
+
+    def state(self) -> None:
+        """Asks for the accessory's state; no reply is heard."""
+        self._send(["state"])
 
     def tank(self) -> "_nimbara.TankId":
         """Sends the tank query; no reply is heard, so this is the library's
         identity of the tank."""
-        return self._send("tank", [])
+        return self._send(["tank"])
 
     def echo(self, number: int) -> int:
         """Sends the echo of ``number``; no reply is heard, so this is the
         library's answer."""
-        return self._send("echo", [integer("number", number)])
+        return self._send(["echo", str(integer("number", number))])
+
+    def send(self, *words) -> Any:
+        """Sends a command given as the tool's words (``send("puff", "orange",
+        "--no-tank")``) or as one dict of its fields (see
+        :func:`nimbara.command`); returns what :meth:`tank` or :meth:`echo`
+        return for those, None otherwise."""
+        return self._send(list(words) if not (len(words) == 1 and isinstance(words[0], dict))
+                          else words[0])
 
     def heard(self) -> List[Transmission]:
         """What the virtual device's accessory decoded since the last call
         (device "virtual" only; TypeError for the others)."""
         return _transmissions(self._output.heard())
 
-    def _send(self, verb, arguments):
-        sent, status, answer, route = self._output.transmit(verb, arguments, self.skip_precheck)
+    def _send(self, words):
+        fields = command(words) if isinstance(words, dict) else command(*words)
+        sent, status, answer, route = self._output.transmit(json.dumps(fields), self.skip_precheck)
         if not sent:
             raise NoDevice(route)
         if status:

@@ -1,76 +1,76 @@
 """The receiver: commands back out of the accessory's sound."""
 import os
 from dataclasses import dataclass
-from typing import List, Optional
+from typing import Any, Dict, List
 
 import numpy as np
 
 from . import _nimbara
 from ._samples import interleaved
 
-# The fields each verb carries; the others are None.
-_FIELDS = {
-    "flash": ("red", "green", "blue", "special", "time"),
-    "puff": ("red", "green", "blue", "special", "time", "asks_tank"),
-    "spray": ("time",),
-    "state": (),
-    "tank": (),
-    "echo": ("number",),
-    "unknown": (),
-}
-_OPTIONAL = ("red", "green", "blue", "special", "time", "number", "asks_tank")
-
-
-@dataclass(frozen=True)
 class Transmission:
-    """One transmission as the accessory would have understood it.
+    """One transmission as the accessory would have understood it: its field
+    map (the same as the tool's ``--json``) as attributes.
 
     ``command`` is the verb ("flash", "puff", "spray", "state", "tank", "echo",
-    or "unknown" for a layout no command has). The arguments the verb does not
-    carry are None. ``time`` is what the frame carries (a puff's is clamped to
-    100..1000 ms). ``damaged`` is true for bad parity, disagreeing or missing
-    repetitions: then the fields are those of the first repetition as far as
-    they could be read. ``start`` is where the transmission began, in seconds
-    from the start of the samples; ``confidence`` (0 to 1) is the weakest bit's
-    margin, ``snr_db`` the estimated signal-to-noise ratio.
+    or "unknown" for a layout no command has). Only the fields the verb carries
+    are there (``red``, ``green``, ``blue``, ``special``, ``time``, ``number``,
+    ``asks_tank``); reading another raises AttributeError, and
+    ``getattr(t, "red", None)`` reads any. ``time`` is what the frame carries
+    (a puff's is clamped to 100..1000 ms). ``damaged`` is true for bad parity,
+    disagreeing or missing repetitions: then the fields are those of the first
+    repetition as far as they could be read. ``start`` is where the
+    transmission began, in seconds from the start of the samples (to 0.1 ms);
+    ``confidence`` (0 to 1) is the weakest bit's margin, ``snr_db`` the
+    estimated signal-to-noise ratio. :attr:`fields` is the field map as a dict.
     """
 
-    command: str
-    opcode: int
-    red: Optional[int]
-    green: Optional[int]
-    blue: Optional[int]
-    special: Optional[int]
-    time: Optional[int]
-    number: Optional[int]
-    asks_tank: Optional[bool]
-    damaged: bool
-    start: float
-    confidence: float
-    snr_db: float
+    __slots__ = ("_fields",)
 
+    def __init__(self, fields: Dict[str, Any]):
+        object.__setattr__(self, "_fields", dict(fields))
 
-def _transmission(fields):
-    carried = _FIELDS.get(fields["command"], ())
-    for name in _OPTIONAL:
-        if name not in carried:
-            fields[name] = None
-    return Transmission(**fields)
+    @property
+    def fields(self) -> Dict[str, Any]:
+        return dict(self._fields)
+
+    def __getattr__(self, name):
+        fields = object.__getattribute__(self, "_fields")
+        if name in fields:
+            return fields[name]
+        raise AttributeError(f"a {fields.get('command')} transmission carries no {name}")
+
+    def __setattr__(self, name, value):
+        raise AttributeError("a Transmission is read-only")
+
+    def __reduce__(self):
+        return (Transmission, (self._fields,))
+
+    def __eq__(self, other):
+        return isinstance(other, Transmission) and self._fields == other._fields
+
+    def __hash__(self):
+        return hash(tuple(sorted(self._fields.items())))
+
+    def __repr__(self):
+        inner = ", ".join(f"{k}={v!r}" for k, v in self._fields.items())
+        return f"Transmission({inner})"
 
 
 def _transmissions(found):
-    return [_transmission(fields) for fields in found]
+    return [Transmission(fields) for fields in found]
 
 
 class Receiver:
     """Decodes a stream fed in chunks of any size.
 
     ``sample_rate`` from 8000 to 192000 Hz; ``channels`` interleaved channels
-    (mixed to one). :meth:`push` takes a NumPy array (or anything array-like) of
-    integers or floats in -1..1, shaped ``(frames, channels)`` or flat and
-    interleaved, and returns the transmissions completed so far; :meth:`finish`
-    ends the stream and returns the rest. One receiver may be fed from several
-    threads; the chunks are taken in the order the calls reach it.
+    (mixed to one; by default 2, as the library renders). :meth:`push` takes a
+    NumPy array (or anything array-like) of integers or floats in -1..1,
+    shaped ``(frames, channels)`` or flat and interleaved; :meth:`finish` ends
+    the stream; :meth:`take` hands out the transmissions decoded so far, each
+    once. One receiver may be fed from several threads; the chunks are taken
+    in the order the calls reach it.
     """
 
     def __init__(self, sample_rate: float = 44100, channels: int = 2):
@@ -83,20 +83,25 @@ class Receiver:
     def channels(self) -> int:
         return self._channels
 
-    def push(self, samples) -> List[Transmission]:
+    def push(self, samples) -> None:
         flat, _ = interleaved(samples, self._channels)
         if flat.dtype == np.int16:
-            return _transmissions(self._core.push_int16(flat))
-        return _transmissions(self._core.push_float32(flat))
+            self._core.push_int16(flat)
+        else:
+            self._core.push_float32(flat)
 
-    def finish(self) -> List[Transmission]:
-        return _transmissions(self._core.finish())
+    def finish(self) -> None:
+        self._core.finish()
+
+    def take(self) -> List[Transmission]:
+        return _transmissions(self._core.take())
 
 
-def decode(samples, sample_rate: float = 44100) -> List[Transmission]:
-    """Every transmission in a recording: a NumPy array, mono or
-    ``(frames, channels)``, of integers or floats in -1..1."""
-    flat, channels = interleaved(samples)
+def decode(samples, sample_rate: float = 44100, channels: int = 2) -> List[Transmission]:
+    """Every transmission in a recording: a NumPy array of integers or floats
+    in -1..1, ``(frames, channels)``, or flat and interleaved with
+    ``channels`` channels (by default 2)."""
+    flat, channels = interleaved(samples, None if np.ndim(samples) == 2 else channels)
     if flat.dtype == np.int16:
         found = _nimbara.decode_int16(flat, float(sample_rate), channels)
     else:

@@ -5,6 +5,7 @@
 // no output is left installed.
 #include <nimbara/api/NimbaraProtocol.h>
 #include <nimbara/api/command.h>
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/device/route.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/platform/backend.h>
@@ -105,11 +106,11 @@ class Output {
   // taken everything. Returns (sent, status, answer, route): sent is false
   // when no device is on the route (then route names it); answer is the
   // controller's tank identity or echo, or None.
-  py::tuple transmit(const std::string& name, const std::vector<long long>& arguments,
-                     bool skipPrecheck) {
+  py::tuple transmit(const std::string& fields, bool skipPrecheck) {
     auto backend = live();
     auto virtualDevice = virtual_;
-    const Command command = makeCommand(name, arguments);
+    const Command command = commandFromFields(fields);
+    const CommandAnswer answers = commandForm(command).answer;
     bool sent = false;
     std::int32_t status = 0;
     std::shared_ptr<TankId> tank;
@@ -122,9 +123,9 @@ class Output {
       NimbaraProtocol& protocol = controller();
       protocol.setPreCheck(skipPrecheck);
       try {
-        if (command.verb == "tank") {
+        if (answers == CommandAnswer::Tank) {
           tank = protocol.getTankId();
-        } else if (command.verb == "echo") {
+        } else if (answers == CommandAnswer::Echo) {
           echoed = protocol.echo(command.number);
         } else {
           protocol.preCheckDevice();
@@ -144,7 +145,7 @@ class Output {
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();
     py::object answer = py::none();
     if (tank) answer = py::cast(tank);
-    if (command.verb == "echo") answer = py::int_(echoed);
+    if (answers == CommandAnswer::Echo) answer = py::int_(echoed);
     return py::make_tuple(sent, status, answer, route);
   }
 
@@ -194,8 +195,7 @@ void bindOutput(py::module_& m) {
       .def_property_readonly("closed", &Output::closed)
       .def("route", &Output::route)
       .def("present", &Output::present)
-      .def("transmit", &Output::transmit, py::arg("name"), py::arg("arguments"),
-           py::arg("skip_precheck"))
+      .def("transmit", &Output::transmit, py::arg("fields"), py::arg("skip_precheck"))
       .def("heard", &Output::heard);
   m.def(
       "status_text",

@@ -1,5 +1,6 @@
 // The receiver: transmissions out of interleaved int16 or float32 samples.
 // Conversion from other NumPy types and shapes is the Python layer's.
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/receiver/receiver.h>
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
@@ -15,21 +16,9 @@ namespace py = pybind11;
 namespace nimbara::python {
 
 py::dict transmissionDict(const Transmission& t) {
-  py::dict d;
-  d["command"] = t.command;
-  d["opcode"] = t.opcode;
-  d["red"] = t.red;
-  d["green"] = t.green;
-  d["blue"] = t.blue;
-  d["special"] = t.special;
-  d["time"] = t.time;
-  d["number"] = t.number;
-  d["asks_tank"] = t.asksTank;
-  d["damaged"] = t.damaged;
-  d["start"] = t.startSeconds;
-  d["confidence"] = t.confidence;
-  d["snr_db"] = t.snrDb;
-  return d;
+  // Never destroyed: the interpreter may be gone by the time statics are.
+  static const py::object* loads = new py::object(py::module_::import("json").attr("loads"));
+  return (*loads)(transmissionFields(t));
 }
 
 namespace {
@@ -44,32 +33,33 @@ template <typename Sample>
 using Samples = py::array_t<Sample, py::array::c_style>;
 
 // One receiver per Python object; its own lock, because Python threads may
-// push to it at the same time while the GIL is released.
+// push to it at the same time while the GIL is released. As in C++: push and
+// finish decode, take hands out what was decoded.
 class PyReceiver {
  public:
   PyReceiver(double sampleRate, int channels)
       : receiver_(sampleRate, channels), channels_(channels) {}
 
   template <typename Sample>
-  py::list push(const Samples<Sample>& samples) {
+  void push(const Samples<Sample>& samples) {
     const Sample* data = samples.data();
     const std::size_t frames = static_cast<std::size_t>(samples.size()) / channels_;
-    std::vector<Transmission> done;
-    {
-      py::gil_scoped_release release;
-      std::lock_guard lock(mutex_);
-      receiver_.push(data, frames);
-      done = receiver_.take();
-    }
-    return toList(done);
+    py::gil_scoped_release release;
+    std::lock_guard lock(mutex_);
+    receiver_.push(data, frames);
   }
 
-  py::list finish() {
+  void finish() {
+    py::gil_scoped_release release;
+    std::lock_guard lock(mutex_);
+    receiver_.finish();
+  }
+
+  py::list take() {
     std::vector<Transmission> done;
     {
       py::gil_scoped_release release;
       std::lock_guard lock(mutex_);
-      receiver_.finish();
       done = receiver_.take();
     }
     return toList(done);
@@ -84,9 +74,9 @@ class PyReceiver {
 template <typename Sample>
 py::list decode(const Samples<Sample>& samples, double sampleRate, int channels) {
   PyReceiver receiver(sampleRate, channels);
-  py::list first = receiver.push(samples);
-  for (auto t : receiver.finish()) first.append(t);
-  return first;
+  receiver.push(samples);
+  receiver.finish();
+  return receiver.take();
 }
 
 py::list decodeFile(const std::string& path) {
@@ -110,7 +100,8 @@ void bindReceiver(py::module_& m) {
       .def(py::init<double, int>(), py::arg("sample_rate"), py::arg("channels"))
       .def("push_int16", &PyReceiver::push<std::int16_t>, py::arg("samples"))
       .def("push_float32", &PyReceiver::push<float>, py::arg("samples"))
-      .def("finish", &PyReceiver::finish);
+      .def("finish", &PyReceiver::finish)
+      .def("take", &PyReceiver::take);
   m.def("decode_int16", &decode<std::int16_t>, py::arg("samples"), py::arg("sample_rate"),
         py::arg("channels"));
   m.def("decode_float32", &decode<float>, py::arg("samples"), py::arg("sample_rate"),

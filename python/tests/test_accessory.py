@@ -18,21 +18,32 @@ def test_every_command_reaches_the_virtual_accessory():
         acc.flash(255, 0, 128, special=2, time=700)
         acc.puff("#10ff80", time=5000)
         acc.puff((1, 2, 3))
+        acc.puff("orange", tank=False)
+        acc.flash("ff0080")
         acc.spray(250)
+        acc.state()
         tank = acc.tank()
         assert acc.echo(1234) == 0
+        acc.send("puff", "teal", "--time", "50", "--no-tank")
         heard = acc.heard()
         assert acc.heard() == []
     assert isinstance(tank, nimbara.TankId)
     assert (tank.year, tank.month, tank.day, tank.scent_id, tank.serial_id) == (13, 11, 15, 0, 0)
-    assert [(t.command, t.red, t.green, t.blue, t.special, t.time, t.number) for t in heard] == [
-        ("flash", 255, 0, 128, 2, 700, None),
-        ("puff", 0x10, 0xFF, 0x80, 0, 1000, None),
-        ("puff", 1, 2, 3, 0, 500, None),
-        ("spray", None, None, None, None, 250, None),
-        ("tank", None, None, None, None, None, None),
-        ("echo", None, None, None, None, None, 1234),
+    names = ("command", "red", "green", "blue", "special", "time", "number", "asks_tank")
+    assert [tuple(getattr(t, n, None) for n in names) for t in heard] == [
+        ("flash", 255, 0, 128, 2, 700, None, None),
+        ("puff", 0x10, 0xFF, 0x80, 0, 1000, None, True),
+        ("puff", 1, 2, 3, 0, 500, None, True),
+        ("puff", 255, 165, 0, 0, 500, None, False),
+        ("flash", 255, 0, 128, 0, 500, None, None),
+        ("spray", None, None, None, None, 250, None, None),
+        ("state", None, None, None, None, None, None, None),
+        ("tank", None, None, None, None, None, None, None),
+        ("echo", None, None, None, None, None, 1234, None),
+        ("puff", 0, 128, 128, 0, 100, None, False),
     ]
+    with pytest.raises(AttributeError, match="carries no red"):
+        heard[6].red
     assert not any(t.damaged for t in heard)
 
 
@@ -69,8 +80,10 @@ def test_into_a_wav_file(tmp_path):
             acc.heard()
     assert acc.closed
     found = nimbara.decode_file(path)
-    assert [(t.command, t.red, t.time, t.number) for t in found] == [
-        ("puff", 255, 300, None), ("echo", None, None, 42)]
+    assert [t.fields for t in found] == [
+        dict(found[0].fields, command="puff", red=255, green=255, blue=0, time=300, asks_tank=True),
+        dict(found[1].fields, command="echo", number=42)]
+    assert "time" not in found[1].fields
     with pytest.raises(ValueError, match="closed"):
         acc.flash(1, 2, 3)
     with pytest.raises(ValueError, match="closed"):

@@ -1,4 +1,5 @@
 """render against the tool's render, and the receiver over rendered sound."""
+import pickle
 import subprocess
 import wave
 
@@ -62,7 +63,12 @@ def test_verbs_render_as_their_operations():
     (lambda: nimbara.render("echo", -1), ValueError, "number must be from 0"),
     (lambda: nimbara.render("echo", 2 ** 80), ValueError, "out of range"),
     (lambda: nimbara.render("flash", 1.5, 0, 0), TypeError, "must be an integer, not float"),
-    (lambda: nimbara.render("flash", "1", 0, 0), TypeError, "not str"),
+    (lambda: nimbara.render("flash", "1", 0, 0.5), TypeError, "word 4 must be an integer, not float"),
+    (lambda: nimbara.render("flash", "#12345"), ValueError, "is not a colour"),
+    (lambda: nimbara.render("puff", "red", "--time", "x"), ValueError,
+     'time must be a decimal number, not "x"'),
+    (lambda: nimbara.render({"command": "state", "red": 1}), ValueError, "state carries no red"),
+    (lambda: nimbara.render({"command": "flash", "red": "1"}), ValueError, "red must be a whole number"),
     (lambda: nimbara.render(4), TypeError, "operation must be a str"),
 ])
 def test_bad_render_arguments_raise(call, error, words):
@@ -88,7 +94,7 @@ def test_render_then_decode(command, expected):
     t = found[0]
     assert not t.damaged
     for field, value in expected.items():
-        assert getattr(t, field) == value, field
+        assert getattr(t, field, None) == value, field
 
 
 def test_decode_takes_any_numeric_type_and_shape():
@@ -98,13 +104,14 @@ def test_decode_takes_any_numeric_type_and_shape():
     variants = {
         "int16": two,
         "float64": two / 32768.0,
-        "float32 mono": (two[:, 0] / 32768.0).astype(np.float32),
+        "float32 mono": ((two[:, 0] / 32768.0).astype(np.float32), 1),
         "int32": two.astype(np.int32) << 16,
         "uint8": ((two.astype(np.int32) >> 8) + 128).astype(np.uint8),
         "list": two.tolist(),
     }
     for name, samples in variants.items():
-        found = nimbara.decode(samples)
+        samples, channels = samples if isinstance(samples, tuple) else (samples, 2)
+        found = nimbara.decode(samples, channels=channels)
         assert [t.command for t in found] == ["flash", "echo"], name
         assert (found[0].red, found[1].number) == (10, 5), name
         assert found[1].start > found[0].start + 0.4, name
@@ -112,7 +119,8 @@ def test_decode_takes_any_numeric_type_and_shape():
     # Another rate: the rendered sound resampled to 48 kHz by plain interpolation.
     x = np.arange(two.shape[0] * 48000 // 44100) * 44100 / 48000
     resampled = np.interp(x, np.arange(two.shape[0]), two[:, 0].astype(float)) / 32768
-    assert [t.command for t in nimbara.decode(resampled, sample_rate=48000)] == ["flash", "echo"]
+    assert [t.command for t in nimbara.decode(resampled, sample_rate=48000, channels=1)] == \
+        ["flash", "echo"]
 
 
 def test_bad_samples_raise():
@@ -122,6 +130,8 @@ def test_bad_samples_raise():
         nimbara.decode(np.array(["a", "b"]))
     with pytest.raises(ValueError, match="8000"):
         nimbara.decode(np.zeros(100, dtype=np.int16), sample_rate=100)
+    with pytest.raises(ValueError, match="whole frames of 2 channels"):
+        nimbara.decode(np.zeros(5, dtype=np.int16))
     with pytest.raises(ValueError, match="2 channels"):
         nimbara.Receiver(44100, 1).push(np.zeros((10, 2), dtype=np.int16))
     with pytest.raises(ValueError, match="whole frames"):
@@ -141,20 +151,25 @@ def test_receiver_in_uneven_chunks():
             break
         chunk = stream[at:at + sizes[i % len(sizes)]]
         at += len(chunk)
-        found += receiver.push(chunk)
+        receiver.push(chunk)
+        found += receiver.take()
         if i < 3:
             assert found == [], "nothing is complete after a few samples"
     assert len(found) >= 2, "transmissions come out while the stream goes on"
-    found += receiver.finish()
+    receiver.finish()
+    found += receiver.take()
+    assert receiver.take() == [], "each is handed out once"
     assert [t.command for t in found] == ["flash", "puff", "echo", "spray"]
-    assert [t.number for t in found] == [None, None, 77, None]
+    assert [getattr(t, "number", None) for t in found] == [None, None, 77, None]
     assert found == nimbara.decode(stream)
+    assert pickle.loads(pickle.dumps(found)) == found
     # Interleaved flat chunks of floats give the same.
     flat = nimbara.Receiver(44100, 2)
     floats = (stream / 32768.0).reshape(-1)
-    pieces = [flat.push(floats[i:i + 5002]) for i in range(0, len(floats), 5002)]
-    assert [t.command for p in pieces for t in p] + [t.command for t in flat.finish()] == \
-        ["flash", "puff", "echo", "spray"]
+    for i in range(0, len(floats), 5002):
+        flat.push(floats[i:i + 5002])
+    flat.finish()
+    assert [t.command for t in flat.take()] == ["flash", "puff", "echo", "spray"]
 
 
 def test_decode_file_reads_real_wav_files(tool, tmp_path):
@@ -182,3 +197,21 @@ def test_noise_lowers_the_estimated_snr():
     assert 0 < b.confidence <= 1 and 0 < a.confidence <= 1
     assert a.snr_db > b.snr_db > 0
     assert abs(a.start - b.start) < 0.001
+
+
+def test_command_fields_from_words_and_from_fields():
+    puff = nimbara.command("puff", "Orange", "--time", 5000)
+    assert puff == {"command": "puff", "red": 255, "green": 165, "blue": 0, "special": 0,
+                    "time": 5000, "asks_tank": True, "sprays": 1000,
+                    "operation": "doSprayWithLightLedGetTankId"}
+    assert nimbara.command(puff) == puff
+    assert nimbara.command({"command": "puff", "red": 1, "green": 2, "blue": 3,
+                            "asks_tank": False})["operation"] == "doSprayWithLightLed"
+    assert nimbara.command("state") == {"command": "state", "operation": "doAquireDeviceState"}
+    assert np.array_equal(nimbara.render(puff), nimbara.render("puff", 255, 165, 0, 0, 5000))
+    with pytest.raises(ValueError, match=r'unknown command "puf" \(did you mean puff\?\)'):
+        nimbara.command("puf", "red")
+    with pytest.raises(ValueError, match="sprays 900 does not match"):
+        nimbara.command(dict(puff, sprays=900))
+    with pytest.raises(TypeError, match="first word"):
+        nimbara.command(3)

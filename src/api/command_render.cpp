@@ -2,36 +2,18 @@
 // buffer exactly as the output callback renders it, for as many whole buffers
 // as the playback engine hands the output before it reaches its target.
 #include <nimbara/api/command.h>
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/frame/frame.h>
 
 #include <cstring>
-#include <stdexcept>
 
 #include "signal/render_buffer.h"
 
 namespace nimbara {
-namespace {
-
-FrameNode* buildFrame(const Command& c) {
-  const std::int16_t time = sentTime(c);
-  if (c.verb == "flash") return createLightLedProtocol(c.red, c.green, c.blue, c.special, time);
-  if (c.verb == "puff") {
-    return c.asksTank
-               ? createSprayWithLightLedGetTankIdProtocol(c.red, c.green, c.blue, c.special, time)
-               : createSprayWithLightLedProtocol(c.red, c.green, c.blue, c.special, time);
-  }
-  if (c.verb == "spray") return createSprayProtocol(time);
-  if (c.verb == "state") return createAcquireProtocol();
-  if (c.verb == "tank") return createGetTankIdProtocol();
-  if (c.verb == "echo") return createEchoProtocol(c.number);
-  throw std::invalid_argument("unknown command \"" + c.verb + "\"");
-}
-
-}  // namespace
 
 std::vector<std::int16_t> renderCommand(const Command& command) {
-  FrameNode* frame = buildFrame(command);
+  FrameNode* frame = commandForm(command).frame(command);
   PlaybackContext context;
   std::memset(&context, 0, sizeof context);
   context.framesPerBuffer = NIMBARA_FRAMES_PER_BUFFER;

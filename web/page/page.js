@@ -2,7 +2,7 @@
 // WebAssembly build) through Web Audio at 44100 Hz, so the accessory hears
 // exactly what the native library would play; and listens with the library's
 // receiver in an AudioWorklet.
-import { render, describe, isHeadsetRoute, wasmBinary } from './nimbara/nimbara.js';
+import { render, describe, verbFields, isHeadsetRoute, wasmBinary } from './nimbara/nimbara.js';
 
 const RATE = 44100;
 const $ = (id) => document.querySelector(`[data-testid="${id}"]`);
@@ -19,20 +19,27 @@ function wholeNumber(id) {
   return /^-?\d+$/.test(text) ? Number(text) : NaN;
 }
 
-function commandArgs(verb) {
-  const time = wholeNumber('time');
-  return verb === 'spray' ? [time] : [...colour(), wholeNumber('special'), time];
+// The command's field map: the inputs' values of the fields the verb carries.
+function commandFields(verb) {
+  const [red, green, blue] = colour();
+  const values = { red, green, blue, special: wholeNumber('special'), time: wholeNumber('time') };
+  const fields = { command: verb };
+  for (const name of verbFields(verb)) {
+    if (name in values) fields[name] = Number.isNaN(values[name]) ? $(name).value.trim() : values[name];
+  }
+  return fields;
 }
 
 function rgb(c) {
   return `rgb(${c.red}, ${c.green}, ${c.blue})`;
 }
 
-// What the accessory does on hearing the command.
+// What the accessory does on hearing the command, from the fields it carries.
 function sentence(c) {
-  if (c.command === 'flash') return `lights its LED ${rgb(c)} (special ${c.special}) for ${c.time} ms`;
-  if (c.command === 'spray') return `sprays for ${c.time} ms`;
-  return `sprays for ${c.spray_ms} ms with its LED ${rgb(c)} (special ${c.special}), and is asked for its tank identity`;
+  const led = `its LED ${rgb(c)} (special ${c.special})`;
+  if (!('sprays' in c)) return `lights ${led} for ${c.time} ms`;
+  if (!('red' in c)) return `sprays for ${c.sprays} ms`;
+  return `sprays for ${c.sprays} ms with ${led}` + (c.asks_tank ? ', and is asked for its tank identity' : '');
 }
 
 function preview() {
@@ -40,9 +47,9 @@ function preview() {
   const asked = wholeNumber('time');
   for (const verb of ['flash', 'puff', 'spray']) {
     try {
-      const c = describe(verb, commandArgs(verb));
+      const c = describe(commandFields(verb));
       let line = `${verb[0].toUpperCase()}${verb.slice(1)}: the accessory ${sentence(c)}`;
-      if (verb === 'puff' && c.spray_ms !== asked) line += ` (${asked} ms is clamped to 100..1000)`;
+      if ('sprays' in c && c.sprays !== asked) line += ` (${asked} ms is clamped to 100..1000)`;
       lines.push(line + '.');
     } catch (error) {
       lines.push(`${verb}: ${error.message.replace(/^nimbara: /, '')}`);
@@ -119,8 +126,8 @@ function audioContext() {
 function play(verb) {
   let command, samples;
   try {
-    command = describe(verb, commandArgs(verb));
-    samples = render(verb, commandArgs(verb));
+    command = describe(commandFields(verb));
+    samples = render(commandFields(verb));
   } catch (error) {
     $('action').textContent = error.message.replace(/^nimbara: /, '');
     $('action').classList.add('error');
@@ -156,7 +163,7 @@ async function playNow(ctx, command, samples) {
 
   $('playing').textContent = `${command.command}: ${command.operation}, ${frames} frames at ${ctx.sampleRate} Hz` +
     (ctx.sampleRate !== RATE ? ' (this browser would not open 44100 Hz: the signal is resampled)' : '');
-  if (command.command !== 'spray') showLed(command);
+  if ('red' in command) showLed(command);
   drawWhilePlaying(samples, ctx, ctx.currentTime, buffer.duration);
   await ended;
 }
@@ -213,7 +220,7 @@ let listening = null;
 
 function heardItem(t) {
   const item = document.createElement('li');
-  const led = t.command === 'flash' || t.command === 'puff';
+  const led = 'red' in t;
   if (led) {
     const swatch = document.createElement('span');
     swatch.className = 'swatch';
@@ -221,9 +228,9 @@ function heardItem(t) {
     item.append(swatch);
   }
   let text = t.damaged ? `damaged ${t.command}` : t.command;
-  if (led) text += ` ${rgb(t)} special ${t.special} time ${t.time} ms`;
-  else if (t.command === 'spray') text += ` time ${t.time} ms`;
-  else if (t.command === 'echo') text += ` number ${t.number}`;
+  if (led) text += ` ${rgb(t)} special ${t.special}`;
+  if ('time' in t) text += ` time ${t.time} ms`;
+  if ('number' in t) text += ` number ${t.number}`;
   item.append(`${text}, at ${t.start.toFixed(3)} s`);
   if (t.damaged) item.className = 'damaged';
   return item;
@@ -291,7 +298,7 @@ $('listen').addEventListener('click', toggleListening);
 navigator.mediaDevices?.addEventListener?.('devicechange', () => checkPresence().catch(() => {}));
 preview();
 try {
-  drawWaveform(render('puff', commandArgs('puff')), 0);
+  drawWaveform(render(commandFields('puff')), 0);
 } catch {
   // the inputs' defaults are valid; a restored form may not be
 }

@@ -3,9 +3,9 @@
 // Node.js, a window, a worker or an AudioWorklet.
 import createNimbaraModule from './nimbara-glue.js';
 
-// Byte offsets of the records that wasm/bindings.cpp writes.
-const COMMAND = { size: 64, verb: 0, operation: 8, number: 40, time: 44, sprayMs: 48, frames: 52, red: 56 };
-const TRANSMISSION = { size: 48, confidence: 8, snrDb: 16, number: 24, time: 28, opcode: 32, command: 39 };
+// Commands and transmissions cross from wasm/bindings.cpp as the library's
+// field maps (JSON text): command, red, green, blue, special, time, number,
+// asks_tank, sprays, operation; a field the verb does not carry is left out.
 
 export async function createNimbara(wasmBinary) {
   const m = await createNimbaraModule({
@@ -40,25 +40,67 @@ export async function createNimbara(wasmBinary) {
     });
   }
 
-  // A command's name and arguments as the C functions take them.
-  function withCommand(operation, args, body) {
-    if (typeof operation !== 'string') throw new TypeError('nimbara: the operation must be a string');
-    if (!Array.isArray(args)) throw new TypeError('nimbara: the arguments must be an array of numbers');
+  // The JSON text a C function returned, parsed; its message on failure.
+  function parsedText(pointer, Kind = RangeError) {
+    if (pointer === 0) fail(Kind);
+    return JSON.parse(m.UTF8ToString(pointer));
+  }
+
+  // A verb or an operation and its numbers in order, as the library's makeCommand takes them.
+  function fromArguments(operation, args) {
     for (const a of args) {
       if (typeof a !== 'number') throw new TypeError(`nimbara: argument ${JSON.stringify(a)} is not a number`);
     }
     return withString(operation, (name) =>
       withBlock(args.length * 8, (list) => {
         m.HEAPF64.set(args, list >> 3);
-        return body(name, list, args.length);
+        return parsedText(m._nimbara_web_command_from_arguments(name, list, args.length));
       }),
     );
   }
 
+  // A command's field map from the tool's words (an array of strings; numbers
+  // are taken as their decimal words) or from a field map (checked and
+  // completed with the derived fields).
+  function command(words) {
+    if (Array.isArray(words)) {
+      const text = words.map((w, i) => {
+        if (typeof w === 'string') return w;
+        if (Number.isInteger(w)) return String(w);
+        throw new TypeError(`nimbara: word ${i + 1} must be a string or a whole number, not ${JSON.stringify(w)}`);
+      });
+      if (typeof words[0] !== 'string') throw new TypeError("nimbara: a command's first word must be its verb");
+      return withString(JSON.stringify(text), (list) => parsedText(m._nimbara_web_command_from_words(list)));
+    }
+    if (words === null || typeof words !== 'object') {
+      throw new TypeError("nimbara: a command is an array of words or an object of fields");
+    }
+    return withString(JSON.stringify(words), (fields) => parsedText(m._nimbara_web_command_fields(fields)));
+  }
+
+  // The names of the fields a verb carries ('red', 'time', ...).
+  function verbFields(verb) {
+    if (typeof verb !== 'string') throw new TypeError('nimbara: a verb is a string');
+    return withString(verb, (text) => parsedText(m._nimbara_web_verb_fields(text)));
+  }
+
+  // render(operation, numbers) as before; render(verb, words) when a word is a
+  // string; render(words) for an array of words; render(fields) for a field map.
+  function fieldsOf(operation, args) {
+    if (typeof operation === 'string') {
+      if (!Array.isArray(args)) throw new TypeError('nimbara: the arguments must be an array');
+      if (args.some((a) => typeof a === 'string')) return command([operation, ...args]);
+      return fromArguments(operation, args);
+    }
+    if (Array.isArray(operation) || (operation !== null && typeof operation === 'object')) return command(operation);
+    throw new TypeError('nimbara: the operation must be a string, an array of words or an object of fields');
+  }
+
   function render(operation, args = []) {
-    return withCommand(operation, args, (name, list, count) =>
+    const fields = JSON.stringify(fieldsOf(operation, args));
+    return withString(fields, (text) =>
       withBlock(4, (countOut) => {
-        const samples = m._nimbara_web_render(name, list, count, countOut);
+        const samples = m._nimbara_web_render(text, countOut);
         if (samples === 0) fail(RangeError);
         try {
           const length = m.HEAPU32[countOut >> 2];
@@ -70,54 +112,16 @@ export async function createNimbara(wasmBinary) {
     );
   }
 
+  // The field map, and the transmission's length in frames.
   function describe(operation, args = []) {
-    return withCommand(operation, args, (name, list, count) =>
-      withBlock(COMMAND.size, (out) => {
-        if (m._nimbara_web_describe(name, list, count, out) !== 0) fail(RangeError);
-        const u8 = m.HEAPU8;
-        const i32 = (offset) => m.HEAP32[(out + offset) >> 2];
-        const command = m.UTF8ToString(out + COMMAND.verb);
-        const rgb = out + COMMAND.red;
-        return {
-          command,
-          operation: m.UTF8ToString(out + COMMAND.operation),
-          red: u8[rgb],
-          green: u8[rgb + 1],
-          blue: u8[rgb + 2],
-          special: u8[rgb + 3],
-          time: i32(COMMAND.time),
-          spray_ms: i32(COMMAND.sprayMs),
-          number: m.HEAPU32[(out + COMMAND.number) >> 2],
-          asks_tank: u8[rgb + 4] !== 0,
-          frames: m.HEAPU32[(out + COMMAND.frames) >> 2],
-        };
-      }),
-    );
+    const fields = fieldsOf(operation, args);
+    const frames = withString(JSON.stringify(fields), (text) => m._nimbara_web_command_frames(text));
+    if (frames < 0) fail(RangeError);
+    return { ...fields, frames };
   }
 
   function isHeadsetRoute(name) {
     return withString(String(name), (text) => m._nimbara_web_route_names_headset(text) === 1);
-  }
-
-  function readTransmission(at) {
-    const u8 = m.HEAPU8;
-    const f64 = (offset) => m.HEAPF64[(at + offset) >> 3];
-    const o = at + TRANSMISSION.opcode;
-    return {
-      command: m.UTF8ToString(at + TRANSMISSION.command),
-      opcode: u8[o],
-      start: f64(0),
-      damaged: u8[o + 5] !== 0,
-      red: u8[o + 1],
-      green: u8[o + 2],
-      blue: u8[o + 3],
-      special: u8[o + 4],
-      time: m.HEAP32[(at + TRANSMISSION.time) >> 2],
-      number: m.HEAPU32[(at + TRANSMISSION.number) >> 2],
-      asks_tank: u8[o + 6] !== 0,
-      confidence: f64(TRANSMISSION.confidence),
-      snr_db: f64(TRANSMISSION.snrDb),
-    };
   }
 
   // Native receivers are freed by close(); one that is dropped unclosed is
@@ -128,7 +132,8 @@ export async function createNimbara(wasmBinary) {
     #handle;
     #channels;
 
-    constructor(sampleRate, channels = 1) {
+    // By default 44100 Hz and 2 channels, as the library renders.
+    constructor(sampleRate = 44100, channels = 2) {
       if (!Number.isInteger(channels)) throw new RangeError('nimbara: channels must be a whole number');
       const handle = m._nimbara_web_receiver_new(Number(sampleRate), channels);
       if (handle === 0) fail(RangeError);
@@ -165,14 +170,9 @@ export async function createNimbara(wasmBinary) {
       if (m._nimbara_web_receiver_finish(this.#open()) !== 0) fail();
     }
 
+    // The transmissions decoded so far, each handed out once.
     take() {
-      const handle = this.#open();
-      return withBlock(4, (recordsOut) => {
-        const count = m._nimbara_web_receiver_take(handle, recordsOut);
-        if (count < 0) fail();
-        const records = m.HEAPU32[recordsOut >> 2];
-        return Array.from({ length: count }, (_, i) => readTransmission(records + i * TRANSMISSION.size));
-      });
+      return parsedText(m._nimbara_web_receiver_take(this.#open()), Error);
     }
 
     close() {
@@ -183,7 +183,7 @@ export async function createNimbara(wasmBinary) {
     }
   }
 
-  function decode(samples, sampleRate, channels = 1) {
+  function decode(samples, sampleRate = 44100, channels = 2) {
     const receiver = new Receiver(sampleRate, channels);
     try {
       receiver.push(samples);
@@ -194,5 +194,5 @@ export async function createNimbara(wasmBinary) {
     }
   }
 
-  return { render, decode, describe, isHeadsetRoute, Receiver };
+  return { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver };
 }

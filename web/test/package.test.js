@@ -42,7 +42,7 @@ test('npm pack gives a tarball that a project installs offline and uses', () => 
     import { createNimbara } from 'nimbara/core.js';
     const samples: Int16Array = render('puff', [1, 2, 3]);
     const heard: Transmission[] = decode(samples, 44100, 2);
-    const clamp: number = describe('puff', [1, 2, 3, 0, 5000]).spray_ms;
+    const clamp: number | undefined = describe('puff', [1, 2, 3, 0, 5000]).sprays;
     const receiver = new Receiver(48000);
     receiver.push(new Float32Array(128));
     const verbs: string[] = receiver.take().map((t) => t.command);

@@ -83,22 +83,25 @@ test('wrong operations and arguments are refused with the library message', () =
   assert.throws(() => render('echo', [1.5]), { name: 'RangeError', message: /whole number/ });
   assert.throws(() => render('echo', [NaN]), { name: 'RangeError', message: /whole number/ });
   assert.throws(() => render('launch', []), { name: 'RangeError', message: /unknown command "launch"/ });
-  assert.throws(() => render('echo', ['7']), { name: 'TypeError' });
+  assert.throws(() => render('echo', [7.5, '7']), { name: 'TypeError' });
+  assert.throws(() => render('echo', ['x']), { name: 'RangeError', message: /number must be a decimal number, not "x"/ });
+  assert.throws(() => render({ command: 'state', red: 1 }), { name: 'RangeError', message: /state carries no red/ });
   assert.throws(() => render(7, []), { name: 'TypeError' });
 });
 
 test('describe tells what the accessory does, the puff clamp included', () => {
   assert.deepEqual(
     { ...describe('puff', [255, 0, 128, 3, 5000]) },
-    { command: 'puff', operation: 'doSprayWithLightLedGetTankId', red: 255, green: 0, blue: 128, special: 3, time: 1000, spray_ms: 1000, number: 0, asks_tank: true, frames: 17640 },
+    { command: 'puff', red: 255, green: 0, blue: 128, special: 3, time: 5000, asks_tank: true, sprays: 1000, operation: 'doSprayWithLightLedGetTankId', frames: 17640 },
   );
-  assert.equal(describe('puff', [0, 0, 0, 0, 20]).spray_ms, 100);
+  assert.equal(describe('puff', [0, 0, 0, 0, 20]).sprays, 100);
   assert.equal(describe('doSprayWithLightLed', [0, 0, 0, 0, 20]).asks_tank, false);
-  assert.equal(describe('spray', [5000]).spray_ms, 5000);
-  assert.equal(describe('flash', [1, 2, 3]).spray_ms, 0);
+  assert.equal(describe('spray', [5000]).sprays, 5000);
+  assert.equal('sprays' in describe('flash', [1, 2, 3]), false);
   assert.equal(describe('flash', [1, 2, 3]).time, 500);
-  assert.equal(describe('state').frames, 8820);
+  assert.deepEqual(describe('state'), { command: 'state', operation: 'doAquireDeviceState', frames: 8820 });
   assert.equal(describe('echo', [42]).number, 42);
+  assert.deepEqual(describe(['puff', 'orange', '--no-tank']), describe('doSprayWithLightLed', [255, 165, 0, 0, 500]));
 });
 
 test('the route rule: HeadsetInOut or Headphone anywhere, case-sensitive', () => {

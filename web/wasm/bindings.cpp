@@ -1,13 +1,17 @@
 // The C functions the JavaScript package calls. They wrap the library's
-// command renderer and receiver; no exception leaves them: a failure returns
-// null or -1 and leaves its one-line message in nimbara_web_error().
+// command vocabulary, renderer and receiver, and speak its field maps (JSON
+// text); no exception leaves them: a failure returns null or -1 and leaves its
+// one-line message in nimbara_web_error().
 #include <emscripten/emscripten.h>
 #include <nimbara/api/command.h>
+#include <nimbara/api/vocabulary.h>
+#include <nimbara/device/route.h>
 #include <nimbara/log.h>
 #include <nimbara/receiver/receiver.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cmath>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -17,11 +21,10 @@
 #include <string>
 #include <vector>
 
-#include "device/route_name.h"
-
 namespace {
 
 std::string lastError;
+std::string lastText;  // the text a function returned, until the next call
 
 // Catches whatever `body` throws into lastError; returns `failed` then.
 template <typename Result, typename Body>
@@ -37,6 +40,25 @@ Result guarded(Result failed, Body body) {
   return failed;
 }
 
+const char* text(std::string value) {
+  lastText = std::move(value);
+  return lastText.c_str();
+}
+
+// The words arrive as a JSON array of strings.
+std::vector<std::string> wordsOf(const char* json) {
+  const auto parsed = nlohmann::json::parse(json, nullptr, false);
+  std::vector<std::string> words;
+  if (parsed.is_array()) {
+    for (const auto& word : parsed) {
+      if (!word.is_string()) break;
+      words.push_back(word.get<std::string>());
+    }
+    if (words.size() == parsed.size()) return words;
+  }
+  throw std::invalid_argument("a command's words must be strings");
+}
+
 // JavaScript hands numbers over as doubles; commands take whole numbers.
 nimbara::Command commandOf(const char* name, const double* arguments, int count) {
   std::vector<long long> whole;
@@ -50,60 +72,9 @@ nimbara::Command commandOf(const char* name, const double* arguments, int count)
   return nimbara::makeCommand(name, whole);
 }
 
-// A command as the page shows it: the fields read by nimbara.js at these
-// offsets.
-struct WebCommand {
-  char verb[8];                                      // 0
-  char operation[32];                                // 8
-  std::uint32_t number;                              // 40
-  std::int32_t time;                                 // 44: the time sent (a puff's clamped)
-  std::int32_t sprayMs;                              // 48
-  std::uint32_t frames;                              // 52
-  std::uint8_t red, green, blue, special, asksTank;  // 56..60
-};
-static_assert(offsetof(WebCommand, number) == 40 && offsetof(WebCommand, red) == 56 &&
-              sizeof(WebCommand) == 64);
-
-// A transmission: the fields read by nimbara.js at these offsets.
-struct WebTransmission {
-  double start;                                                       // 0
-  double confidence;                                                  // 8
-  double snrDb;                                                       // 16
-  std::uint32_t number;                                               // 24
-  std::int32_t time;                                                  // 28
-  std::uint8_t opcode, red, green, blue, special, damaged, asksTank;  // 32..38
-  char command[9];                                                    // 39
-};
-static_assert(sizeof(WebTransmission) == 48 && offsetof(WebTransmission, command) == 39);
-
-void copyText(char* out, std::size_t size, const std::string& text) {
-  const std::size_t n = std::min(text.size(), size - 1);
-  std::memcpy(out, text.data(), n);
-  out[n] = '\0';
-}
-
-WebTransmission webTransmission(const nimbara::Transmission& t) {
-  WebTransmission w{};
-  w.start = t.startSeconds;
-  w.confidence = t.confidence;
-  w.snrDb = t.snrDb;
-  w.number = t.number;
-  w.time = t.time;
-  w.opcode = t.opcode;
-  w.red = t.red;
-  w.green = t.green;
-  w.blue = t.blue;
-  w.special = t.special;
-  w.damaged = t.damaged;
-  w.asksTank = t.asksTank;
-  copyText(w.command, sizeof w.command, t.command);
-  return w;
-}
-
 struct WebReceiver {
   WebReceiver(double rate, int channels) : receiver(rate, channels) {}
   nimbara::Receiver receiver;
-  std::vector<WebTransmission> taken;  // the last take(), read by JavaScript
 };
 
 // The library logs every frame it builds; a page or a Node program has no use
@@ -121,13 +92,57 @@ EMSCRIPTEN_KEEPALIVE const char* nimbara_web_error() {
   return lastError.c_str();
 }
 
+// The field map of a command given as the tool's words (a JSON array).
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_from_words(const char* words) {
+  return guarded<const char*>(nullptr, [&] {
+    return text(nimbara::commandFields(nimbara::commandFromWords(wordsOf(words))));
+  });
+}
+
+// The field map of a command given as a verb or an operation and its numbers
+// in order.
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_from_arguments(const char* name,
+                                                                    const double* arguments,
+                                                                    int count) {
+  return guarded<const char*>(
+      nullptr, [&] { return text(nimbara::commandFields(commandOf(name, arguments, count))); });
+}
+
+// The field map of a command given as its field map, checked and completed.
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_command_fields(const char* fields) {
+  return guarded<const char*>(
+      nullptr, [&] { return text(nimbara::commandFields(nimbara::commandFromFields(fields))); });
+}
+
+// The fields a verb carries, as a JSON array of their names.
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_verb_fields(const char* verb) {
+  return guarded<const char*>(nullptr, [&] {
+    if (!nimbara::isCommandName(verb)) {
+      throw std::invalid_argument("unknown command \"" + std::string(verb) + "\"");
+    }
+    std::string list = "[";
+    for (const char* field : {"red", "green", "blue", "special", "time", "number", "asks_tank"}) {
+      if (!nimbara::verbCarries(verb, field)) continue;
+      if (list.size() > 1) list += ",";
+      list += "\"" + std::string(field) + "\"";
+    }
+    return text(list + "]");
+  });
+}
+
+// The frames of a command's transmission.
+EMSCRIPTEN_KEEPALIVE int nimbara_web_command_frames(const char* fields) {
+  return guarded(-1, [&] {
+    return static_cast<int>(nimbara::commandFrames(nimbara::commandFromFields(fields)));
+  });
+}
+
 // The command's interleaved stereo samples in a malloc'd block (the caller
 // frees it), their count in *samples.
-EMSCRIPTEN_KEEPALIVE std::int16_t* nimbara_web_render(const char* name, const double* arguments,
-                                                      int count, std::uint32_t* samples) {
+EMSCRIPTEN_KEEPALIVE std::int16_t* nimbara_web_render(const char* fields, std::uint32_t* samples) {
   return guarded<std::int16_t*>(nullptr, [&] {
     const std::vector<std::int16_t> rendered =
-        nimbara::renderCommand(commandOf(name, arguments, count));
+        nimbara::renderCommand(nimbara::commandFromFields(fields));
     auto* out = static_cast<std::int16_t*>(std::malloc(rendered.size() * sizeof(std::int16_t)));
     if (out == nullptr) throw std::bad_alloc();
     std::memcpy(out, rendered.data(), rendered.size() * sizeof(std::int16_t));
@@ -136,28 +151,8 @@ EMSCRIPTEN_KEEPALIVE std::int16_t* nimbara_web_render(const char* name, const do
   });
 }
 
-EMSCRIPTEN_KEEPALIVE int nimbara_web_describe(const char* name, const double* arguments, int count,
-                                              WebCommand* out) {
-  return guarded(-1, [&] {
-    const nimbara::Command c = commandOf(name, arguments, count);
-    *out = WebCommand{};
-    copyText(out->verb, sizeof out->verb, c.verb);
-    copyText(out->operation, sizeof out->operation, nimbara::operationName(c));
-    out->number = c.number;
-    out->time = nimbara::sentTime(c);
-    out->sprayMs = nimbara::sprayMilliseconds(c);
-    out->frames = nimbara::commandFrames(c);
-    out->red = c.red;
-    out->green = c.green;
-    out->blue = c.blue;
-    out->special = c.special;
-    out->asksTank = c.verb == "puff" && c.asksTank;
-    return 0;
-  });
-}
-
 EMSCRIPTEN_KEEPALIVE int nimbara_web_route_names_headset(const char* route) {
-  return nimbara::detail::routeNamesHeadset(route) ? 1 : 0;
+  return nimbara::routeNamesHeadset(route) ? 1 : 0;
 }
 
 EMSCRIPTEN_KEEPALIVE WebReceiver* nimbara_web_receiver_new(double rate, int channels) {
@@ -193,17 +188,16 @@ EMSCRIPTEN_KEEPALIVE int nimbara_web_receiver_finish(WebReceiver* receiver) {
   });
 }
 
-// The transmissions decoded since the last call, in *records until the next
-// call; returns their count.
-EMSCRIPTEN_KEEPALIVE int nimbara_web_receiver_take(WebReceiver* receiver,
-                                                   const WebTransmission** records) {
-  return guarded(-1, [&] {
-    receiver->taken.clear();
+// The field maps of the transmissions decoded since the last call, as a JSON
+// array.
+EMSCRIPTEN_KEEPALIVE const char* nimbara_web_receiver_take(WebReceiver* receiver) {
+  return guarded<const char*>(nullptr, [&] {
+    std::string list = "[";
     for (const nimbara::Transmission& t : receiver->receiver.take()) {
-      receiver->taken.push_back(webTransmission(t));
+      if (list.size() > 1) list += ",";
+      list += nimbara::transmissionFields(t);
     }
-    *records = receiver->taken.data();
-    return static_cast<int>(receiver->taken.size());
+    return text(list + "]");
   });
 }
 

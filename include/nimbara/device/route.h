@@ -22,4 +22,20 @@ NIMBARA_API bool checkDeviceByMicWaveForInternal(void);
 
 NIMBARA_END_C
 
+#ifdef __cplusplus
+#include <cstring>
+
+namespace nimbara {
+
+/** The presence rule on a route name, for front ends that learn an output's
+ * name another way (the web page's output list): true when the name contains
+ * "HeadsetInOut" or "Headphone", case-sensitive, anywhere in the text. */
+inline bool routeNamesHeadset(const char* route) {
+  return std::strstr(route, "HeadsetInOut") != nullptr ||
+         std::strstr(route, "Headphone") != nullptr;
+}
+
+}  // namespace nimbara
+#endif
+
 #endif

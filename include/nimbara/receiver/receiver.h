@@ -70,8 +70,9 @@ class NIMBARA_API Receiver {
  public:
   /** sampleRate from 8000 to 192000 Hz, one or more interleaved channels
    * (combined so that channels of opposite polarity add instead of
-   * cancelling). Throws std::invalid_argument outside that. */
-  Receiver(double sampleRate, int channels);
+   * cancelling); by default the rendered signal's 44100 Hz and 2 channels, as
+   * in Python and JavaScript. Throws std::invalid_argument outside that. */
+  explicit Receiver(double sampleRate = 44100, int channels = 2);
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;

@@ -5,7 +5,7 @@
 #include <array>
 #include <string_view>
 
-namespace tool {
+namespace nimbara::detail {
 
 struct NamedColour {
   std::string_view name;
@@ -171,4 +171,4 @@ inline const NamedColour* cssColour(std::string_view name) {
   return found != kColours.end() ? found : nullptr;
 }
 
-}  // namespace tool
+}  // namespace nimbara::detail
