@@ -88,9 +88,17 @@ class MpvSocket {
 constexpr int kTimePos = 1, kPause = 2;
 
 // Hands one message of mpv to the follower; false when the film has ended.
-bool apply(const std::string& line, nimbara::TrackFollower& follower) {
+// `replies` counts mpv's answers to our requests.
+bool apply(const std::string& line, nimbara::TrackFollower& follower, int& replies) {
   const Json message = Json::parse(line, nullptr, false);
-  if (!message.is_object() || !message.contains("event")) return true;
+  if (!message.is_object()) return true;
+  if (!message.contains("event")) {
+    if (message.value("error", "") != "success") {
+      throw std::runtime_error("mpv refused to report the film's position: " + line);
+    }
+    ++replies;
+    return true;
+  }
   const std::string event = message["event"].get<std::string>();
   const double now = monotonicNow();
   if (event == "end-file" || event == "shutdown") return false;
@@ -120,12 +128,14 @@ int runFollow(const Globals& globals, const std::string& path, const std::string
   MpvSocket mpv(follow.substr(4));
   mpv.send({{"command", {"observe_property", kPause, "pause"}}});
   mpv.send({{"command", {"observe_property", kTimePos, "time-pos"}}});
-  trace(globals, "following mpv at " + follow.substr(4));
+  int replies = 0;
   for (bool playing = true; playing;) {
     const auto next = follower.nextDue();
     std::vector<std::string> lines;
     playing = mpv.receive(next ? std::max(0.0, *next - monotonicNow()) : -1.0, lines);
-    for (const auto& line : lines) playing = playing && apply(line, follower);
+    const bool subscribed = replies >= 2;
+    for (const auto& line : lines) playing = playing && apply(line, follower, replies);
+    if (!subscribed && replies >= 2) trace(globals, "following mpv at " + follow.substr(4));
     if (!playing) break;
     for (const auto& cue : follower.due(monotonicNow())) {
       const double sent = unixNow();

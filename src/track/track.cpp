@@ -42,7 +42,8 @@ void refuseOverlaps(const std::vector<TrackCue>& cues, const std::string& name) 
 std::vector<TrackCue> parseTrack(const std::string& text, const std::string& name) {
   std::vector<track::CueText> texts;
   try {
-    texts = track::isWebVtt(text) ? track::webVttCues(text) : track::cueFileCues(text);
+    const bool webVtt = track::isWebVtt(text) || name.ends_with(".vtt");
+    texts = webVtt ? track::webVttCues(text) : track::cueFileCues(text);
   } catch (const track::LineError& e) {
     throw TrackError(at(name, e.line) + e.what);
   }

@@ -47,7 +47,8 @@ class NIMBARA_API TrackError : public std::invalid_argument {
 };
 
 /** The cues of a track's text, in order of time. `name` starts the error
- * messages (a file's path). Throws TrackError for a malformed file, a cue
+ * messages (a file's path). The text is WebVTT when it starts with "WEBVTT"
+ * or the name ends in ".vtt", else a cue file. Throws TrackError for a malformed file, a cue
  * whose text is not a command, overlapping cues or a track without cues. */
 NIMBARA_API std::vector<TrackCue> parseTrack(const std::string& text, const std::string& name);
 
