@@ -24,6 +24,7 @@ from ._accessory import Accessory
 from ._arguments import integers as _integers
 from ._errors import AudioError, Error, NoDevice
 from ._receive import Receiver, Transmission, decode, decode_file
+from ._track import Cue, parse_track, play_track, read_track, render_track
 
 TankId = _nimbara.TankId
 # The public names are nimbara.X wherever they are defined.
@@ -83,4 +84,5 @@ _atexit.register(_nimbara.set_log_handler, None)
 __all__ = [
     "Accessory", "AudioError", "Error", "NoDevice", "Receiver", "TankId", "Transmission",
     "VERBS", "__version__", "decode", "decode_file", "flush_log", "render", "set_log_handler",
+    "Cue", "parse_track", "play_track", "read_track", "render_track",
 ]
