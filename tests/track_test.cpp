@@ -33,6 +33,8 @@ TEST(Track, WebVttCuesWithTheirLinesAndCommands) {
   EXPECT_EQ(cues[0].command.time, 700);
   EXPECT_FALSE(cues[0].command.asksTank);
   EXPECT_DOUBLE_EQ(cues[1].start, 3600.001);  // sorted by time, not by file order
+  // A cue straight after the header line still counts.
+  EXPECT_EQ(nimbara::parseTrack("WEBVTT\n00:01.000 --> 00:02.000\nstate\n", "t.vtt")[0].line, 3);
   EXPECT_EQ(cues[1].line, 7);
   EXPECT_EQ(cues[1].command.time, 200);
 }
@@ -68,6 +70,9 @@ TEST(Track, ErrorsNameTheFileAndLine) {
             "t.cues:2: the time must be a number of seconds, 0 or more, not \"soon\"");
   EXPECT_EQ(errorOf("1 puff red\n2\n", "t.cues"), "t.cues:2: a time needs a command after it");
   EXPECT_EQ(errorOf("", "t.cues"), "t.cues holds no cue");
+  // Whatever a message quotes from the track, it stays one line.
+  EXPECT_EQ(errorOf("WEBVTT\n\n00:01.000 --> 00:02.000\n{\"command\": \"fla\nsh\"}\n"),
+            "t.vtt:4: unknown command \"fla sh\"");
 }
 
 TEST(Track, OverlapsAreRefusedAndTouchingCuesPlay) {

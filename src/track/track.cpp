@@ -20,6 +20,13 @@ std::string at(const std::string& name, int line) {
   return name + ":" + std::to_string(line) + ": ";
 }
 
+// A message stays one line whatever the track quotes back into it.
+std::string oneLine(std::string message) {
+  std::replace_if(
+      message.begin(), message.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, ' ');
+  return message;
+}
+
 // Every command must go out at its cue's time: a cue may not start while the
 // transmission before it still plays.
 void refuseOverlaps(const std::vector<TrackCue>& cues, const std::string& name) {
@@ -45,7 +52,7 @@ std::vector<TrackCue> parseTrack(const std::string& text, const std::string& nam
     const bool webVtt = track::isWebVtt(text) || name.ends_with(".vtt");
     texts = webVtt ? track::webVttCues(text) : track::cueFileCues(text);
   } catch (const track::LineError& e) {
-    throw TrackError(at(name, e.line) + e.what);
+    throw TrackError(at(name, e.line) + oneLine(e.what));
   }
   std::vector<TrackCue> cues;
   for (const auto& t : texts) {
@@ -58,7 +65,7 @@ std::vector<TrackCue> parseTrack(const std::string& text, const std::string& nam
     try {
       cue.command = cueCommand(t.text);
     } catch (const std::invalid_argument& e) {
-      throw TrackError(at(name, t.line) + e.what());
+      throw TrackError(at(name, t.line) + oneLine(e.what()));
     }
     cues.push_back(cue);
   }

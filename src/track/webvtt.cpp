@@ -114,7 +114,9 @@ std::vector<CueText> webVttCues(const std::string& text) {
   if (!isWebVtt(text)) throw LineError{1, "a WebVTT file starts with \"WEBVTT\""};
   std::vector<CueText> cues;
   std::size_t i = 1;
-  while (i < lines.size() && !blank(lines[i])) ++i;  // the header's own lines
+  // The header's own lines, up to a blank line (or a cue's timing, which
+  // ends the header too).
+  while (i < lines.size() && !blank(lines[i]) && lines[i].find("-->") == std::string::npos) ++i;
   while (i < lines.size()) {
     if (blank(lines[i])) {
       ++i;
