@@ -40,35 +40,40 @@ function cueAt(seconds) {
   return i < 0 ? cues.length : i;
 }
 
-// The film's clock on the AudioContext's: anchored when the film is seen to
-// move (its 'playing' event comes a little before), so that cues keep the
-// spacing of the audio clock; anchored again when the film strays from it (a
-// stall, a long film).
-let anchor = null;
+// The film's clock on the AudioContext's: film = context time x rate +
+// offset. The film's currentTime runs smoothly, but the context's currentTime
+// moves in steps of its output's buffer and so runs ahead of it by up to a
+// step: the offset is the largest seen since the film started moving (its
+// 'playing' event comes a little before), which is where the steps meet it.
+// A film that strays from it (a stall, a long film) sets it afresh.
+let anchor = null;   // { offset, rate }
 let stillAt = null;  // the film's position while it has not moved yet
 
-function reanchor() {
-  anchor = { film: video.currentTime, time: audioContext().currentTime, rate: video.playbackRate || 1 };
+function filmAt(time) {
+  return time * anchor.rate + anchor.offset;
 }
 
-function filmAt(time) {
-  return anchor.film + (time - anchor.time) * anchor.rate;
+function follow(time) {
+  const rate = video.playbackRate || 1;
+  const offset = video.currentTime - time * rate;
+  if (!anchor || anchor.rate !== rate || Math.abs(offset - anchor.offset) > 0.15) {
+    anchor = { offset, rate };
+  } else {
+    anchor.offset = Math.max(anchor.offset, offset);
+  }
 }
 
 function schedule() {
   if (video.paused || video.seeking || cues.length === 0) return;
-  if (!anchor) {
-    if (stillAt === null || video.currentTime === stillAt) return;
-    reanchor();
-  }
+  if (!anchor && (stillAt === null || video.currentTime === stillAt)) return;
   const ctx = audioContext();
   const now = ctx.currentTime;
-  if (Math.abs(video.currentTime - filmAt(now)) > 0.15) reanchor();
+  follow(now);
   const film = filmAt(now);
   for (; next < cues.length && cues[next].start < film + AHEAD; ++next) {
     const cue = cues[next];
     // On a whole frame: a source started between two frames is interpolated.
-    const when = Math.round((now + (cue.start - film) / anchor.rate) * ctx.sampleRate) / ctx.sampleRate;
+    const when = Math.round(((cue.start - anchor.offset) / anchor.rate) * ctx.sampleRate) / ctx.sampleRate;
     const source = ctx.createBufferSource();
     source.buffer = cue.buffer;
     source.connect(ctx.destination);
@@ -172,8 +177,7 @@ video.addEventListener('seeked', () => {
 });
 video.addEventListener('ratechange', () => {
   next = cancel();
-  if (anchor) reanchor();
-  schedule();
+  schedule();  // a new rate sets the offset afresh
 });
 video.addEventListener('ended', () => {
   halt();

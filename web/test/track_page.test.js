@@ -205,14 +205,14 @@ test('a pause holds the track and a seek skips the cues jumped over', async () =
   const player = page.getByTestId('track-video');
   await player.evaluate((v) => v.play());
   // Paused for a second once the first cue has begun. The film's hold is
-  // the context's time from the pause until the film moves again, less the
-  // film's own advance by then.
+  // the time from the pause until the film moves again, less the film's own
+  // advance by then (on the page's clock: the context's moves in steps).
   await loudBlocks(page, 1);
-  const paused = await player.evaluate((v) => { v.pause(); return { time: window.__context.currentTime, film: v.currentTime }; });
+  const paused = await player.evaluate((v) => { v.pause(); return { time: performance.now() / 1000, film: v.currentTime }; });
   await page.evaluate(() => new Promise((done) => setTimeout(done, 1000)));  // the pause itself
   const resumed = await player.evaluate((v) => new Promise((done) => {
     const from = v.currentTime;
-    const moved = () => (v.currentTime !== from ? done({ time: window.__context.currentTime, film: v.currentTime }) : setTimeout(moved, 1));
+    const moved = () => (v.currentTime !== from ? done({ time: performance.now() / 1000, film: v.currentTime }) : setTimeout(moved, 1));
     v.play().then(moved);
   }));
   // Past the second cue (1.75 s), a seek over the third (3.0 s) to 4.0 s.
