@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "report.h"
+#include "track_commands.h"
 #include "words.h"
 
 #ifndef NIMBARA_VERSION
@@ -112,7 +113,9 @@ int runTool(int argc, const char* const* argv, bool execute) {
 
   RenderRequest render;
   auto* renderCommand = app.add_subcommand(
-      "render", "write the samples a command hands the output: render VERB ARGS... --out FILE");
+      "render",
+      "write the samples a command hands the output: render VERB ARGS... --out FILE, or a "
+      "whole track: render TRACK --out FILE");
   renderCommand
       ->add_option("COMMAND", render.words,
                    "a verb and its words as above (flash orange), or a library "
@@ -143,10 +146,13 @@ int runTool(int argc, const char* const* argv, bool execute) {
   listenCommand->add_option("--seconds", listen.seconds,
                             "stop after this many seconds (default 0: no limit)");
 
-  std::string cues;
+  std::string cues, follow;
   auto* playCommand = app.add_subcommand(
-      "play", "play a cue file: one \"SECONDS VERB ARGS...\" a line, each at its time");
-  playCommand->add_option("CUES", cues, "the cue file")->required();
+      "play",
+      "play a track (WebVTT, or one \"SECONDS VERB ARGS...\" a line), each cue at its time");
+  playCommand->add_option("TRACK", cues, "the track or cue file")->required();
+  playCommand->add_option("--follow", follow,
+                          "mpv:SOCKET: send each cue when the film playing in mpv reaches it");
 
   std::string helpTopic;
   auto* helpCommand = app.add_subcommand("help", "describe the tool, or one command");
@@ -207,10 +213,14 @@ int runTool(int argc, const char* const* argv, bool execute) {
     for (CommandWords* words : {&flash, &puff, &spray, &state, &tank, &echo}) {
       if (app.got_subcommand(words->verb)) return runDevice(globals, *words);
     }
+    if (*renderCommand && namesTrack(render.words)) {
+      return runRenderTrack(globals, render.words[0], render.out);
+    }
     if (*renderCommand) return runRender(globals, render);
     if (*decodeCommand) return runDecode(globals, decode);
     if (*listenCommand) return runListen(globals, listen);
-    if (*playCommand) return runPlay(globals, cues);
+    if (*playCommand)
+      return follow.empty() ? runPlay(globals, cues) : runFollow(globals, cues, follow);
   } catch (const UsageError& e) {
     return fail(globals.json, e.what(), kUsage);
   } catch (const NoDevice& e) {

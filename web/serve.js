@@ -15,6 +15,10 @@ const TYPES = {
   '.json': 'application/json',
   '.png': 'image/png',
   '.wav': 'audio/wav',
+  '.svg': 'image/svg+xml',
+  '.webmanifest': 'application/manifest+json',
+  '.webm': 'video/webm',
+  '.vtt': 'text/vtt',
 };
 
 export function serve(root, port = 0, host = '0.0.0.0') {

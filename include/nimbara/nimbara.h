@@ -29,5 +29,6 @@
 #include <nimbara/platform/wav_device.h>
 #include <nimbara/receiver/receiver.h>
 #include <nimbara/tank/TankId.h>
+#include <nimbara/track/track.h>
 
 #endif

@@ -29,6 +29,7 @@ from ._commands import command
 from ._commands import words_of as _words_of
 from ._errors import AudioError, Error, NoDevice
 from ._receive import Receiver, Transmission, decode, decode_file
+from ._track import Cue, parse_track, play_track, read_track, render_track
 
 TankId = _nimbara.TankId
 # The public names are nimbara.X wherever they are defined.
@@ -95,5 +96,5 @@ _atexit.register(_nimbara.set_log_handler, None)
 __all__ = [
     "Accessory", "AudioError", "Error", "NoDevice", "Receiver", "TankId", "Transmission",
     "VERBS", "__version__", "command", "decode", "decode_file", "flush_log", "render",
-    "set_log_handler",
+    "set_log_handler", "Cue", "parse_track", "play_track", "read_track", "render_track",
 ]

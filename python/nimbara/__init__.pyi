@@ -1,6 +1,6 @@
 # Type stubs of the nimbara package: what editors and type checkers see.
 import os
-from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Sequence, Tuple, Union
 
 import numpy as np
 import numpy.typing as npt
@@ -99,3 +99,18 @@ def decode(samples: Samples, sample_rate: float = ..., channels: int = ...) -> L
 def decode_file(path: Union[str, "os.PathLike[str]"]) -> List[Transmission]: ...
 def set_log_handler(handler: Optional[Callable[[str], object]]) -> None: ...
 def flush_log() -> None: ...
+
+class Cue(NamedTuple):
+    start: float
+    line: int
+    text: str
+    command: str
+    fields: Dict[str, Any]
+    call: Tuple[str, List[int]]
+    frames: int
+
+def parse_track(text: str, name: str = ...) -> List[Cue]: ...
+def read_track(path: Union[str, "os.PathLike[str]"]) -> List[Cue]: ...
+def render_track(path: Union[str, "os.PathLike[str]"]) -> npt.NDArray[np.int16]: ...
+def play_track(accessory: Accessory, track: Union[str, "os.PathLike[str]", List[Cue]],
+               on_cue: Optional[Callable[[Dict[str, Any]], object]] = ...) -> List[Dict[str, Any]]: ...

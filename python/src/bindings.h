@@ -11,6 +11,7 @@ void bindReceiver(pybind11::module_& m);
 void bindTankId(pybind11::module_& m);
 void bindOutput(pybind11::module_& m);
 void bindLogHandler(pybind11::module_& m);
+void bindTrack(pybind11::module_& m);
 
 // A transmission as the keyword arguments of nimbara.Transmission.
 pybind11::dict transmissionDict(const Transmission& transmission);

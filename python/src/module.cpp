@@ -10,4 +10,5 @@ PYBIND11_MODULE(_nimbara, m) {
   nimbara::python::bindTankId(m);
   nimbara::python::bindOutput(m);
   nimbara::python::bindLogHandler(m);
+  nimbara::python::bindTrack(m);
 }

@@ -110,7 +110,7 @@ async function askForOutputNames() {
 let context = null;
 let queue = Promise.resolve();  // one command at a time, in the order pressed
 
-function audioContext() {
+export function audioContext() {
   // At 44100 Hz the buffer's samples reach the output as they are; a context
   // at another rate would resample the square waves.
   if (!context) {

@@ -194,5 +194,21 @@ export async function createNimbara(wasmBinary) {
     }
   }
 
-  return { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver };
+  // A scent track (WebVTT, or "SECONDS COMMAND" lines) parsed by the library:
+  // its cues in order of time, each with what render() takes for it.
+  function parseTrack(text, name = '<track>') {
+    if (typeof text !== 'string') throw new TypeError('nimbara: a track is a string');
+    const json = withString(text, (t) => withString(String(name), (n) => m._nimbara_web_parse_track(t, n)));
+    if (json === 0) throw new RangeError('nimbara: out of WebAssembly memory');
+    let parsed;
+    try {
+      parsed = JSON.parse(m.UTF8ToString(json));
+    } finally {
+      m._free(json);
+    }
+    if (parsed.error !== undefined) throw new SyntaxError(`nimbara: ${parsed.error}`);
+    return parsed.cues;
+  }
+
+  return { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver, parseTrack };
 }

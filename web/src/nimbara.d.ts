@@ -101,6 +101,29 @@ export class Receiver {
   close(): void;
 }
 
+/** One cue of a scent track. */
+export interface TrackCue {
+  /** Seconds from the start of the track. */
+  start: number;
+  /** The file line of the cue's text. */
+  line: number;
+  /** The cue's text as written. */
+  text: string;
+  command: 'flash' | 'puff' | 'spray' | 'state' | 'tank' | 'echo';
+  /** Stereo frames at 44100 Hz that the command plays. */
+  frames: number;
+  /** What render() takes for the command. */
+  operation: Operation;
+  arguments: number[];
+}
+
+/**
+ * The cues of a scent track (WebVTT, or "SECONDS COMMAND" lines), in order of
+ * time. Throws SyntaxError "nimbara: NAME:LINE: ..." for a malformed track, a
+ * cue that is not a command, or a cue that starts while the one before plays.
+ */
+export function parseTrack(text: string, name?: string): TrackCue[];
+
 /** The WebAssembly module's bytes, to hand to a worker or an AudioWorklet. */
 export const wasmBinary: Uint8Array;
 
@@ -114,4 +137,5 @@ export function createNimbara(wasmBinary: BufferSource): Promise<{
   decode: typeof decode;
   isHeadsetRoute: typeof isHeadsetRoute;
   Receiver: typeof Receiver;
+  parseTrack: typeof parseTrack;
 }>;

@@ -18,5 +18,5 @@ async function wasmBytes() {
 /** The module's bytes, for a worker or an AudioWorklet that calls createNimbara itself. */
 export const wasmBinary = await wasmBytes();
 
-export const { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver } = await createNimbara(wasmBinary);
+export const { command, verbFields, render, decode, describe, isHeadsetRoute, Receiver, parseTrack } = await createNimbara(wasmBinary);
 export { createNimbara };

@@ -1,0 +1,185 @@
+// The scent track panel: a video and its WebVTT track. The track's cues join
+// the video as a metadata text track; each command is scheduled on the
+// AudioContext's clock from the video's current time a little ahead of its
+// cue (the text track's cuechange alone comes too late and too coarse). A
+// pause holds the track, a seek moves it (cues jumped over are not played).
+import { parseTrack, render } from './nimbara/nimbara.js';
+import { audioContext } from './page.js';
+
+const RATE = 44100;
+const AHEAD = 0.25;  // seconds of the film scheduled in advance
+const $ = (id) => document.querySelector(`[data-testid="${id}"]`);
+const video = $('track-video');
+const status = $('track-status');
+
+let cues = [];       // the track's cues, each with its AudioBuffer
+let next = 0;        // the first cue not yet scheduled
+let pending = [];    // scheduled sources: { source, index, when }
+let textTrack = null;
+let wakeLock = null;
+
+function bufferOf(ctx, samples) {
+  const frames = samples.length / 2;
+  const buffer = ctx.createBuffer(2, frames, RATE);
+  for (let channel = 0; channel < 2; ++channel) {
+    const data = new Float32Array(frames);
+    for (let i = 0; i < frames; ++i) data[i] = samples[2 * i + channel] / 32768;
+    buffer.copyToChannel(data, channel);
+  }
+  return buffer;
+}
+
+function say(text, error = false) {
+  status.textContent = text;
+  status.className = error ? 'note error' : 'note';
+}
+
+// The first cue at or after the film's position.
+function cueAt(seconds) {
+  const i = cues.findIndex((cue) => cue.start >= seconds - 0.001);
+  return i < 0 ? cues.length : i;
+}
+
+// The film's clock on the AudioContext's: film = context time x rate +
+// offset. The film's currentTime runs smoothly, but the context's currentTime
+// moves in steps of its output's buffer and so runs ahead of it by up to a
+// step: the offset is the largest seen since the film started moving (its
+// 'playing' event comes a little before), which is where the steps meet it.
+// A film that strays from it (a stall, a long film) sets it afresh.
+let anchor = null;   // { offset, rate }
+let stillAt = null;  // the film's position while it has not moved yet
+
+function filmAt(time) {
+  return time * anchor.rate + anchor.offset;
+}
+
+function follow(time) {
+  const rate = video.playbackRate || 1;
+  const offset = video.currentTime - time * rate;
+  if (!anchor || anchor.rate !== rate || Math.abs(offset - anchor.offset) > 0.15) {
+    anchor = { offset, rate };
+  } else {
+    anchor.offset = Math.max(anchor.offset, offset);
+  }
+}
+
+function schedule() {
+  if (video.paused || video.seeking || cues.length === 0) return;
+  if (!anchor && (stillAt === null || video.currentTime === stillAt)) return;
+  const ctx = audioContext();
+  const now = ctx.currentTime;
+  follow(now);
+  const film = filmAt(now);
+  for (; next < cues.length && cues[next].start < film + AHEAD; ++next) {
+    const cue = cues[next];
+    // On a whole frame: a source started between two frames is interpolated.
+    const when = Math.round(((cue.start - anchor.offset) / anchor.rate) * ctx.sampleRate) / ctx.sampleRate;
+    const source = ctx.createBufferSource();
+    source.buffer = cue.buffer;
+    source.connect(ctx.destination);
+    source.start(Math.max(when, Math.ceil(now * ctx.sampleRate) / ctx.sampleRate));
+    const entry = { source, index: next, when };
+    pending.push(entry);
+    source.addEventListener('ended', () => { pending = pending.filter((p) => p !== entry); }, { once: true });
+    say(`Cue ${next + 1} of ${cues.length} at ${cue.start.toFixed(3)} s: ${cue.text.replace(/\s+/g, ' ')}`);
+  }
+}
+
+// Stops the commands that have not begun; returns the first of them.
+function cancel() {
+  const now = audioContext().currentTime;
+  let first = next;
+  for (const p of pending) {
+    if (p.when > now) {
+      p.source.stop();
+      first = Math.min(first, p.index);
+    }
+  }
+  pending = pending.filter((p) => p.when <= now);
+  return first;
+}
+
+let timer = 0;
+function run() {
+  anchor = null;
+  stillAt = video.currentTime;
+  clearInterval(timer);
+  timer = setInterval(schedule, 5);
+  schedule();
+}
+function halt() {
+  anchor = null;
+  clearInterval(timer);
+  timer = 0;
+}
+
+async function keepAwake(on) {
+  try {
+    if (on && !wakeLock && navigator.wakeLock) {
+      wakeLock = await navigator.wakeLock.request('screen');
+      wakeLock.addEventListener('release', () => { wakeLock = null; }, { once: true });
+    } else if (!on && wakeLock) {
+      await wakeLock.release();
+    }
+  } catch {
+    // the browser may refuse (a hidden page, low battery): the track plays on
+  }
+}
+
+async function loadTrack(file) {
+  let parsed;
+  try {
+    parsed = parseTrack(await file.text(), file.name);
+  } catch (error) {
+    say(error.message.replace(/^nimbara: /, ''), true);
+    return;
+  }
+  cancel();
+  const ctx = audioContext();
+  cues = parsed.map((cue) => ({ ...cue, buffer: bufferOf(ctx, render(cue.operation, cue.arguments)) }));
+  if (textTrack) textTrack.mode = 'disabled';
+  textTrack = video.addTextTrack('metadata', file.name);
+  textTrack.mode = 'hidden';
+  for (const cue of cues) textTrack.addCue(new VTTCue(cue.start, cue.start + cue.buffer.duration, cue.text));
+  textTrack.addEventListener('cuechange', schedule);
+  next = cueAt(video.currentTime);
+  say(`${cues.length} cues from ${file.name}: ${cues.map((c) => `${c.command} at ${c.start.toFixed(3)} s`).join(', ')}`);
+  document.body.dataset.trackReady = String(cues.length);
+}
+
+$('video-file').addEventListener('change', (event) => {
+  const [file] = event.target.files;
+  if (!file) return;
+  if (video.src) URL.revokeObjectURL(video.src);
+  video.src = URL.createObjectURL(file);
+});
+$('track-file').addEventListener('change', (event) => {
+  const [file] = event.target.files;
+  if (file) loadTrack(file);
+});
+video.addEventListener('play', () => {
+  audioContext().resume();
+  keepAwake(true);
+});
+video.addEventListener('playing', run);  // moving: after a play, a seek or a stall
+video.addEventListener('waiting', halt);
+video.addEventListener('pause', () => {
+  halt();
+  next = cancel();
+  keepAwake(false);
+});
+video.addEventListener('seeking', () => {
+  halt();
+  cancel();
+});
+video.addEventListener('seeked', () => {
+  next = cueAt(video.currentTime);
+});
+video.addEventListener('ratechange', () => {
+  next = cancel();
+  schedule();  // a new rate sets the offset afresh
+});
+video.addEventListener('ended', () => {
+  halt();
+  keepAwake(false);
+});
