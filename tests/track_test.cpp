@@ -49,7 +49,10 @@ TEST(Track, CueFilesAndFieldMaps) {
   EXPECT_EQ(cues[1].command.verb, "echo");
   EXPECT_EQ(cues[1].command.number, 7u);
   EXPECT_EQ(nimbara::cueCommand("state").verb, "state");
-  EXPECT_EQ(nimbara::cueCommand("{\"command\":\"puff\",\"asks_tank\":false}").asksTank, false);
+  EXPECT_EQ(nimbara::cueCommand(
+                "{\"command\":\"puff\",\"red\":0,\"green\":0,\"blue\":0,\"asks_tank\":false}")
+                .asksTank,
+            false);
   EXPECT_THROW(nimbara::cueCommand("{\"command\": \"puff\""), std::invalid_argument);
   EXPECT_THROW(nimbara::cueCommand("spray 300 --time 3"), std::invalid_argument);
 }
@@ -64,15 +67,15 @@ TEST(Track, ErrorsNameTheFileAndLine) {
   EXPECT_EQ(errorOf("WEBVTT\n\n00:01.000 --> 00:02.000\npuff red\n00:03.000 --> 00:04.000\n"),
             "t.vtt:5: a blank line must end the cue before \"-->\"");
   EXPECT_EQ(errorOf("WEBVTT\n\n00:01.000 --> 00:02.000\nflash\n"),
-            "t.vtt:4: a colour is R G B or one word (#rrggbb, rrggbb or a CSS name)");
+            "t.vtt:4: a colour is R G B or one word (#rrggbb, rrggbb or a CSS name), not 0 words");
   EXPECT_EQ(errorOf("WEBVTTX\n"), "t.vtt:1: a WebVTT file starts with \"WEBVTT\"");
   EXPECT_EQ(errorOf("1 puff red\nsoon flash red\n", "t.cues"),
             "t.cues:2: the time must be a number of seconds, 0 or more, not \"soon\"");
   EXPECT_EQ(errorOf("1 puff red\n2\n", "t.cues"), "t.cues:2: a time needs a command after it");
   EXPECT_EQ(errorOf("", "t.cues"), "t.cues holds no cue");
   // Whatever a message quotes from the track, it stays one line.
-  EXPECT_EQ(errorOf("WEBVTT\n\n00:01.000 --> 00:02.000\n{\"command\": \"fla\nsh\"}\n"),
-            "t.vtt:4: unknown command \"fla sh\"");
+  EXPECT_EQ(errorOf("WEBVTT\n\n00:01.000 --> 00:02.000\n{\"command\": \"fla\\u000ash\"}\n"),
+            "t.vtt:4: unknown command \"fla sh\" (did you mean flash?)");
 }
 
 TEST(Track, OverlapsAreRefusedAndTouchingCuesPlay) {
