@@ -7,7 +7,6 @@
 #include <nimbara/device/route.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
-#include <nimbara/platform/pulse_device.h>
 #include <nimbara/signal/playback.h>
 
 #include <gmock/gmock.h>
@@ -29,6 +28,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/pulse/pulse_device.h"
 #include "support/expected_signal.h"
 #include "support/log_capture.h"
 #include "support/signals.h"
@@ -194,7 +194,7 @@ TEST_F(PulseTest, AHeadphoneSinkIsTheRouteAndASpeakerIsNot) {
   EXPECT_FALSE(isHeadsetPluggedIn());
   ASSERT_TRUE(setDefaultSink("headphones"));
   EXPECT_TRUE(checkDeviceForInternal());
-  PulseDevice::OutputLevel level;
+  nimbara::platform::OutputLevel level;
   ASSERT_EQ(device->outputLevel(&level), 0);
   EXPECT_DOUBLE_EQ(level.volumePercent, 100.0);
   EXPECT_FALSE(level.muted);
@@ -297,11 +297,17 @@ TEST_F(PulseTest, ResamplingIsReportedExactlyWhenTheRecordingDiffers) {
   EXPECT_EQ(device->setPreferredSampleRate(44100.5), NIMBARA_AUDIO_ERR_INVALID);
   EXPECT_EQ(device->setPreferredSampleRate(std::nan("")), NIMBARA_AUDIO_ERR_INVALID);
   ASSERT_EQ(device->setPreferredSampleRate(44100), 0);
-  PulseDevice::PlaybackRate rate;
+  nimbara::platform::PlaybackRate rate;
   ASSERT_EQ(device->playbackRate(&rate), 0);
-  EXPECT_EQ(rate.sinkRate, expectedSinkRate());
+  EXPECT_EQ(rate.rate, expectedSinkRate());
   EXPECT_EQ(rate.exact, expectedSinkRate() == 44100);
-  EXPECT_EQ(rate.pipewire, serverKind() == "pipewire");
+  if (rate.exact) {
+    EXPECT_EQ(rate.howToAllow, "");
+  } else {
+    EXPECT_THAT(rate.howToAllow,
+                ::testing::HasSubstr(serverKind() == "pipewire" ? "default.clock.allowed-rates"
+                                                                : "default-sample-rate = 44100"));
+  }
 
   nimbara::platform::setBackend(device);
   TempDir dir;
@@ -318,7 +324,7 @@ TEST_F(PulseTest, ResamplingIsReportedExactlyWhenTheRecordingDiffers) {
   const auto samples = readSamples(dir.path / "monitor.raw");
   const bool bitForBit = std::search(samples.begin(), samples.end(), expected.begin(),
                                      expected.end()) != samples.end();
-  EXPECT_EQ(bitForBit, rate.exact) << "the sink runs at " << rate.sinkRate << " Hz";
+  EXPECT_EQ(bitForBit, rate.exact) << "the sink runs at " << rate.rate << " Hz";
 }
 
 TEST_F(PulseTest, NoServerGivesAStatus) {
@@ -328,8 +334,14 @@ TEST_F(PulseTest, NoServerGivesAStatus) {
             NIMBARA_AUDIO_ERR_NO_SERVER);
   EXPECT_THAT(log.take(), ::testing::Contains("#newOutput err=-1"));
   EXPECT_FALSE(isHeadsetPluggedIn());
-  PulseDevice::PlaybackRate rate;
+  nimbara::platform::PlaybackRate rate;
   EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").playbackRate(&rate),
+            NIMBARA_AUDIO_ERR_NO_SERVER);
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").listOutputs(&outputs),
+            NIMBARA_AUDIO_ERR_NO_SERVER);
+  std::unique_ptr<nimbara::platform::CaptureStream> capture;
+  EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").openCapture("", &capture),
             NIMBARA_AUDIO_ERR_NO_SERVER);
 }
 

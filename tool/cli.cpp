@@ -57,16 +57,17 @@ int runTool(int argc, const char* const* argv, bool execute) {
   Globals globals;
   int verbose = 0;
   bool quiet = false;
-  app.add_option("--device", globals.device,
-                 "audio output: pulse (the default sink), pulse:SINK, virtual or wav:PATH "
-                 "(default pulse)")
+  globals.device = nimbara::platform::defaultBackendName();
+  app.add_option(
+         "--device", globals.device,
+         "audio output: " + nimbara::platform::backendNames() + " (default " + globals.device + ")")
       ->check([](const std::string& device) {
-        if (device == "pulse" || device == "virtual") return std::string();
-        if ((device.starts_with("wav:") && device.size() > 4) ||
-            (device.starts_with("pulse:") && device.size() > 6)) {
-          return std::string();
+        try {
+          nimbara::platform::makeBackend(device);
+        } catch (const std::invalid_argument&) {
+          return "must be " + nimbara::platform::backendNames();
         }
-        return std::string("must be pulse, pulse:SINK, virtual or wav:PATH");
+        return std::string();
       });
   app.add_option("--route", globals.route, "route name of the virtual or wav output");
   app.add_flag("-v,--verbose", verbose,

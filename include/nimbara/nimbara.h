@@ -23,7 +23,6 @@
 #include <nimbara/api/command.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
-#include <nimbara/platform/pulse_device.h>
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/platform/wav_device.h>
 #include <nimbara/receiver/receiver.h>

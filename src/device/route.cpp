@@ -3,12 +3,11 @@
 #include <nimbara/platform/audio_queue.h>
 
 #include "common/log.h"
-#include "device/route_name.h"
 
 bool isHeadsetPluggedIn(void) {
   char route[512];
   if (nimbaraAudioSessionCopyRouteName(route, sizeof route) != 0) return false;
-  return nimbara::detail::routeNamesHeadset(route);
+  return nimbara::routeNamesHeadset(route);
 }
 
 bool checkDeviceForInternal(void) {

@@ -195,6 +195,12 @@ const char* nimbaraAudioStatusText(int32_t status) {
       return "the audio server refused the playback stream";
     case NIMBARA_AUDIO_ERR_LOST:
       return "the audio output was lost while playing";
+    case NIMBARA_AUDIO_ERR_NOT_SUPPORTED:
+      return "not supported";
+    case NIMBARA_AUDIO_ERR_RAN_DRY:
+      return "the output ran dry while the command played";
+    case NIMBARA_AUDIO_ERR_NO_SUCH_NAME:
+      return "no output or source of that name";
     default:
       return status < 0 ? "unknown audio error" : "platform status";
   }
@@ -321,3 +327,7 @@ void waitUntilIdle() {
 }
 
 }  // namespace nimbara::platform
+
+void nimbaraAudioWaitUntilIdle(void) {
+  nimbara::platform::waitUntilIdle();
+}

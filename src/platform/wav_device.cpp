@@ -6,6 +6,9 @@
 #include <chrono>
 #include <cstring>
 #include <new>
+#include <stdexcept>
+
+#include "platform/backend_registry.h"
 
 namespace nimbara::platform {
 namespace {
@@ -142,13 +145,35 @@ std::int32_t WavDevice::routeName(std::string* name) {
   return NIMBARA_AUDIO_OK;
 }
 
+std::int32_t WavDevice::listOutputs(std::vector<OutputInfo>* outputs) {
+  OutputInfo output;
+  output.name = path_;
+  output.description = "WAV file";
+  if (const std::int32_t status = routeName(&output.route)) return status;
+  output.isDefault = true;
+  output.rate = NIMBARA_SAMPLE_RATE;
+  output.exact = true;
+  outputs->assign(1, std::move(output));
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t WavDevice::outputLevel(OutputLevel* level) {
+  *level = {100.0, false};
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t WavDevice::playbackRate(PlaybackRate* rate) {
+  *rate = {NIMBARA_SAMPLE_RATE, true, {}};
+  return NIMBARA_AUDIO_OK;
+}
+
 // The file takes sound as fast as the disk allows, so a pause lasts until that
 // much more sound has been written, a stream has closed, or the output failed:
 // a waiting caller polls about as often as on a real-time output, without
 // spinning. Real time bounds the wait, in case nothing is being written.
 void WavDevice::sleep(double seconds) {
   std::unique_lock lock(mutex_);
-  const std::size_t until = frames_ + static_cast<std::size_t>(seconds * 44100.0);
+  const std::size_t until = frames_ + static_cast<std::size_t>(seconds * NIMBARA_SAMPLE_RATE);
   const std::size_t closed = closedStreams_;
   progress_.wait_for(lock, std::chrono::duration<double>(seconds),
                      [&] { return frames_ >= until || closedStreams_ != closed || failed_; });
@@ -174,6 +199,12 @@ std::int32_t writeWavFile(const std::string& path, const std::int16_t* samples,
   ok = std::fclose(file) == 0 && ok;
   if (!ok) removeIfRegular(path);
   return ok ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_IO;
+}
+
+std::shared_ptr<Backend> detail::makeWavBackend(const detail::BackendArgs& args) {
+  if (args.argument.empty()) throw std::invalid_argument("wav needs a path: wav:PATH");
+  return args.route.empty() ? std::make_shared<WavDevice>(args.argument)
+                            : std::make_shared<WavDevice>(args.argument, args.route);
 }
 
 }  // namespace nimbara::platform

@@ -3,6 +3,7 @@
 // null or -1 and leaves its one-line message in nimbara_web_error().
 #include <emscripten/emscripten.h>
 #include <nimbara/api/command.h>
+#include <nimbara/device/route.h>
 #include <nimbara/log.h>
 #include <nimbara/receiver/receiver.h>
 
@@ -16,8 +17,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include "device/route_name.h"
 
 namespace {
 
@@ -157,7 +156,7 @@ EMSCRIPTEN_KEEPALIVE int nimbara_web_describe(const char* name, const double* ar
 }
 
 EMSCRIPTEN_KEEPALIVE int nimbara_web_route_names_headset(const char* route) {
-  return nimbara::detail::routeNamesHeadset(route) ? 1 : 0;
+  return nimbara::routeNamesHeadset(route) ? 1 : 0;
 }
 
 EMSCRIPTEN_KEEPALIVE WebReceiver* nimbara_web_receiver_new(double rate, int channels) {

@@ -22,4 +22,17 @@ NIMBARA_API bool checkDeviceByMicWaveForInternal(void);
 
 NIMBARA_END_C
 
+#ifdef __cplusplus
+#include <string_view>
+
+namespace nimbara {
+
+/** The presence rule on a route name: true when it contains "HeadsetInOut" or
+ * "Headphone" (case matters), anywhere. For an output known by its route
+ * without being the current one (a list of outputs). */
+NIMBARA_API bool routeNamesHeadset(std::string_view route);
+
+}  // namespace nimbara
+#endif
+
 #endif

@@ -7,6 +7,7 @@
 #define NIMBARA_PLATFORM_WAV_DEVICE_H
 
 #include <nimbara/platform/backend.h>
+#include <nimbara/signal/signal_format.h>
 
 #ifdef __cplusplus
 #include <condition_variable>
@@ -25,6 +26,10 @@ class NIMBARA_API WavDevice : public Backend {
   std::int32_t openStream(const NimbaraStreamFormat& format,
                           std::unique_ptr<OutputStream>* stream) override;
   std::int32_t routeName(std::string* name) override;
+  /** Its one output, the file, at the signal's rate. */
+  std::int32_t listOutputs(std::vector<OutputInfo>* outputs) override;
+  std::int32_t outputLevel(OutputLevel* level) override;
+  std::int32_t playbackRate(PlaybackRate* rate) override;
   /** Lasts until `seconds` more of sound have been written (or a stream has
    * closed): the file takes sound as fast as the disk allows. */
   void sleep(double seconds) override;
