@@ -1,10 +1,9 @@
 // play: a timeline of scents from a cue file, one command a line
 // ("SECONDS VERB ARGS..."), each starting at its time on the output's clock.
-// The whole timeline is rendered first and played as one stream, so the
-// times hold to the sample.
+// The library renders the whole timeline and plays it as one transmission, so
+// the times hold to the sample.
 #include <nimbara/nimbara.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -19,10 +18,10 @@
 namespace tool {
 namespace {
 
-struct Cue {
+constexpr double kRate = NIMBARA_SAMPLE_RATE;
+
+struct Cue : nimbara::Cue {
   int line = 0;
-  std::uint64_t startFrame = 0;
-  nimbara::Command command;
 };
 
 bool isHexColour(const std::string& word) {
@@ -45,7 +44,7 @@ Cue parseCue(const std::vector<std::string>& words, int line) {
   Cue cue;
   cue.line = line;
   const double at = seconds("the time", words[0]);
-  cue.startFrame = static_cast<std::uint64_t>(std::llround(at * 44100.0));
+  cue.startFrame = static_cast<std::uint64_t>(std::llround(at * kRate));
   if (words.size() < 2) throw UsageError("a time needs a command after it");
   CommandWords c;
   c.verb = words[1];
@@ -92,8 +91,8 @@ std::vector<Cue> readCues(const std::string& path) {
         char why[160];
         std::snprintf(why, sizeof why,
                       ": starts at %.3f s, before the %s of line %d has finished (at %.3f s)",
-                      cue.startFrame / 44100.0, before.command.verb.c_str(), before.line,
-                      free / 44100.0);
+                      cue.startFrame / kRate, before.command.verb.c_str(), before.line,
+                      free / kRate);
         throw UsageError(path + ":" + std::to_string(line) + why);
       }
     }
@@ -103,106 +102,32 @@ std::vector<Cue> readCues(const std::string& path) {
   return cues;
 }
 
-// Plays interleaved stereo samples on the current output as one stream and
-// waits until the output has taken the last of them.
-class StreamPlayer {
- public:
-  explicit StreamPlayer(const std::vector<std::int16_t>& samples) : samples_(samples) {}
-
-  std::int32_t play() {
-    NimbaraStreamFormat format{44100.0,
-                               NIMBARA_FORMAT_LINEAR_PCM,
-                               NIMBARA_FORMAT_FLAG_SIGNED_INTEGER | NIMBARA_FORMAT_FLAG_PACKED,
-                               4,
-                               1,
-                               4,
-                               2,
-                               16,
-                               0};
-    NimbaraAudioQueueRef queue = nullptr;
-    std::int32_t status =
-        nimbaraAudioQueueNewOutput(&format, &StreamPlayer::onBuffer, this, 0, &queue);
-    for (int i = 0; i < 3 && status == 0; ++i) {
-      NimbaraAudioBufferRef buffer = nullptr;
-      status = nimbaraAudioQueueAllocateBuffer(queue, kFrames * 4, &buffer);
-      if (status == 0 && next_ < frames()) status = fill(queue, buffer);
-    }
-    if (status == 0) status = nimbaraAudioQueueStart(queue);
-    if (status == 0) {
-      nimbaraAudioQueueWaitUntilDone(queue);
-      status = nimbaraAudioQueueGetStatus(queue);
-    }
-    nimbaraAudioQueueRelease(queue);
-    return status;
-  }
-
- private:
-  static constexpr std::uint32_t kFrames = 735;
-
-  std::size_t frames() const { return samples_.size() / 2; }
-
-  std::int32_t fill(NimbaraAudioQueueRef queue, NimbaraAudioBufferRef buffer) {
-    const std::size_t n = std::min<std::size_t>(kFrames, frames() - next_);
-    auto* out = static_cast<std::int16_t*>(buffer->audioData);
-    std::memcpy(out, samples_.data() + 2 * next_, n * 4);
-    std::memset(out + 2 * n, 0, (kFrames - n) * 4);
-    buffer->audioDataByteSize = kFrames * 4;
-    next_ += n;
-    ++enqueued_;
-    return nimbaraAudioQueueEnqueueBuffer(queue, buffer);
-  }
-
-  // On the queue's thread: refill, and once every buffer has come back
-  // played, end the stream.
-  static void onBuffer(void* user, NimbaraAudioQueueRef queue, NimbaraAudioBufferRef buffer) {
-    auto* self = static_cast<StreamPlayer*>(user);
-    ++self->returned_;
-    if (self->next_ < self->frames()) {
-      self->fill(queue, buffer);
-    } else if (self->returned_ == self->enqueued_) {
-      nimbaraAudioQueueDispose(queue, true);
-    }
-  }
-
-  const std::vector<std::int16_t>& samples_;
-  std::size_t next_ = 0;  // the priming, then the queue's thread
-  unsigned enqueued_ = 0, returned_ = 0;
-};
-
 }  // namespace
 
 int runPlay(const Globals& globals, const std::string& cuePath) {
   const std::vector<Cue> cues = readCues(cuePath);
-  const Cue& last = cues.back();
-  std::vector<std::int16_t> timeline(2 * (last.startFrame + nimbara::commandFrames(last.command)));
   if (globals.verbosity < 2) nimbara::setLogSink({});
-  for (const Cue& cue : cues) {
-    const auto samples = nimbara::renderCommand(cue.command);
-    const std::size_t room = timeline.size() - 2 * cue.startFrame;
-    std::copy_n(samples.begin(), std::min(samples.size(), room),
-                timeline.begin() + 2 * cue.startFrame);
-  }
   const Output output = openOutput(globals);
   checkPresence(globals);
   warnAboutLevel(output);
   for (const Cue& cue : cues) {
     char at[32];
-    std::snprintf(at, sizeof at, "%.3f s", cue.startFrame / 44100.0);
+    std::snprintf(at, sizeof at, "%.3f s", cue.startFrame / kRate);
     trace(globals, std::string("cue at ") + at + ": " + describeCommand(cue.command));
   }
-  StreamPlayer player(timeline);
-  const std::int32_t status = player.play();
+  const std::int32_t status =
+      nimbara::playTimeline(std::vector<nimbara::Cue>(cues.begin(), cues.end()));
   nimbara::platform::waitUntilIdle();
   if (status != 0) failedOutput(globals, output, status);
   for (const Cue& cue : cues) {
     if (globals.json) {
       Json json = commandJson(cue.command);
-      json["start"] = cue.startFrame / 44100.0;
+      json["start"] = cue.startFrame / kRate;
       json["line"] = cue.line;
       std::cout << json.dump() << std::endl;
     } else {
       char at[32];
-      std::snprintf(at, sizeof at, "%8.3f s  ", cue.startFrame / 44100.0);
+      std::snprintf(at, sizeof at, "%8.3f s  ", cue.startFrame / kRate);
       say(globals, at + describeCommand(cue.command) + "\n");
     }
   }

@@ -21,6 +21,7 @@
 #include <nimbara/api/NimbaraException.h>
 #include <nimbara/api/NimbaraProtocol.h>
 #include <nimbara/api/command.h>
+#include <nimbara/api/timeline.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
 #include <nimbara/platform/virtual_device.h>
