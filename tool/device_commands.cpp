@@ -21,7 +21,7 @@ namespace {
 std::vector<nimbara::Transmission> accessoryHeard(const Output& output) {
   if (!output.virtualDevice) return {};
   const auto heard = output.virtualDevice->playedSamples();
-  nimbara::Receiver receiver(44100, 2);
+  nimbara::Receiver receiver(NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS);
   receiver.push(heard.data(), heard.size() / 2);
   receiver.finish();
   return receiver.take();
