@@ -1,5 +1,5 @@
-// The playback stream of the sound-server backend, and the stream settings a
-// rate probe shares with it.
+// The streams of the sound-server backend: playback (pulse_stream.cpp), with
+// the settings a rate probe shares with it, and record (pulse_capture.cpp).
 #pragma once
 
 #include <nimbara/platform/backend.h>
