@@ -3,7 +3,7 @@
 // sound's, on the virtual device in real time and on the PulseAudio server.
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
-#include <nimbara/platform/pulse_device.h>
+#include <nimbara/platform/backend.h>
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/signal/playback.h>
 
@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace {
 
@@ -92,7 +93,14 @@ void BM_TransmitVirtualRealTime(benchmark::State& state) {
 }
 
 void BM_TransmitPulse(benchmark::State& state) {
-  transmit(state, std::make_shared<nimbara::platform::PulseDevice>());
+  std::shared_ptr<Backend> pulse;
+  try {
+    pulse = nimbara::platform::makeBackend("pulse");
+  } catch (const std::invalid_argument&) {
+    state.SkipWithError("built without the sound server's backend");
+    return;
+  }
+  transmit(state, pulse);
 }
 
 BENCHMARK(BM_TransmitVirtualRealTime)

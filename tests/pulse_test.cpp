@@ -7,7 +7,7 @@
 #include <nimbara/device/route.h>
 #include <nimbara/frame/commands.h>
 #include <nimbara/log.h>
-#include <nimbara/platform/pulse_device.h>
+#include <nimbara/receiver/receiver.h>
 #include <nimbara/signal/playback.h>
 
 #include <gmock/gmock.h>
@@ -29,6 +29,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/pulse/pulse_device.h"
 #include "support/expected_signal.h"
 #include "support/log_capture.h"
 #include "support/signals.h"
@@ -194,7 +195,7 @@ TEST_F(PulseTest, AHeadphoneSinkIsTheRouteAndASpeakerIsNot) {
   EXPECT_FALSE(isHeadsetPluggedIn());
   ASSERT_TRUE(setDefaultSink("headphones"));
   EXPECT_TRUE(checkDeviceForInternal());
-  PulseDevice::OutputLevel level;
+  nimbara::platform::OutputLevel level;
   ASSERT_EQ(device->outputLevel(&level), 0);
   EXPECT_DOUBLE_EQ(level.volumePercent, 100.0);
   EXPECT_FALSE(level.muted);
@@ -297,11 +298,17 @@ TEST_F(PulseTest, ResamplingIsReportedExactlyWhenTheRecordingDiffers) {
   EXPECT_EQ(device->setPreferredSampleRate(44100.5), NIMBARA_AUDIO_ERR_INVALID);
   EXPECT_EQ(device->setPreferredSampleRate(std::nan("")), NIMBARA_AUDIO_ERR_INVALID);
   ASSERT_EQ(device->setPreferredSampleRate(44100), 0);
-  PulseDevice::PlaybackRate rate;
+  nimbara::platform::PlaybackRate rate;
   ASSERT_EQ(device->playbackRate(&rate), 0);
-  EXPECT_EQ(rate.sinkRate, expectedSinkRate());
+  EXPECT_EQ(rate.rate, expectedSinkRate());
   EXPECT_EQ(rate.exact, expectedSinkRate() == 44100);
-  EXPECT_EQ(rate.pipewire, serverKind() == "pipewire");
+  if (rate.exact) {
+    EXPECT_EQ(rate.howToAllow, "");
+  } else {
+    EXPECT_THAT(rate.howToAllow,
+                ::testing::HasSubstr(serverKind() == "pipewire" ? "default.clock.allowed-rates"
+                                                                : "default-sample-rate = 44100"));
+  }
 
   nimbara::platform::setBackend(device);
   TempDir dir;
@@ -318,7 +325,50 @@ TEST_F(PulseTest, ResamplingIsReportedExactlyWhenTheRecordingDiffers) {
   const auto samples = readSamples(dir.path / "monitor.raw");
   const bool bitForBit = std::search(samples.begin(), samples.end(), expected.begin(),
                                      expected.end()) != samples.end();
-  EXPECT_EQ(bitForBit, rate.exact) << "the sink runs at " << rate.sinkRate << " Hz";
+  EXPECT_EQ(bitForBit, rate.exact) << "the sink runs at " << rate.rate << " Hz";
+}
+
+// The interface a front end uses: the sinks listed with their routes and
+// rates, and a capture of a sink's monitor that hears a transmission.
+TEST_F(PulseTest, TheOutputsAreListedAndACaptureHearsWhatASinkPlays) {
+  REQUIRE_TEST_SERVER();
+  auto backend = nimbara::platform::makeBackend("pulse");
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  ASSERT_EQ(backend->listOutputs(&outputs), 0);
+  auto named = [&](const std::string& name) {
+    auto found = std::find_if(outputs.begin(), outputs.end(),
+                              [&](const auto& output) { return output.name == name; });
+    return found != outputs.end() ? *found : nimbara::platform::OutputInfo{};
+  };
+  EXPECT_EQ(named("headphones").route, "Headphones");
+  EXPECT_TRUE(named("headphones").isDefault);
+  EXPECT_EQ(named("speaker").route, "Speaker");
+  EXPECT_FALSE(named("speaker").isDefault);
+  EXPECT_EQ(named("speaker").rate, expectedSinkRate());
+  EXPECT_EQ(named("speaker").exact, expectedSinkRate() == 44100);
+
+  std::unique_ptr<nimbara::platform::CaptureStream> capture;
+  EXPECT_EQ(backend->openCapture("nosuch", &capture), NIMBARA_AUDIO_ERR_NO_SUCH_NAME);
+  ASSERT_EQ(backend->openCapture("speaker.monitor", &capture), 0);
+  nimbara::platform::setBackend(nimbara::platform::makeBackend("pulse:speaker"));
+  auto played = std::async(std::launch::async, [] {
+    return executeFunction(createLightLedProtocol(9, 8, 7, 6, 500), 1, 35280, nullptr);
+  });
+  nimbara::Receiver receiver(NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS);
+  std::vector<nimbara::Transmission> heard;
+  std::vector<std::int16_t> chunk(NIMBARA_FRAMES_PER_BUFFER * NIMBARA_CHANNELS);
+  // Up to 5 s of the monitor, a transmission being 0.4 s long.
+  for (int i = 0; i < 300 && heard.empty(); ++i) {
+    ASSERT_EQ(capture->read(chunk.data(), NIMBARA_FRAMES_PER_BUFFER), 0);
+    receiver.push(chunk.data(), NIMBARA_FRAMES_PER_BUFFER);
+    for (auto& t : receiver.take()) heard.push_back(t);
+  }
+  EXPECT_EQ(played.get(), 0);
+  nimbara::platform::waitUntilIdle();
+  ASSERT_FALSE(heard.empty()) << "the capture heard nothing";
+  EXPECT_EQ(heard[0].command, "flash");
+  EXPECT_EQ(heard[0].red, 9);
+  EXPECT_FALSE(heard[0].damaged);
 }
 
 TEST_F(PulseTest, NoServerGivesAStatus) {
@@ -328,8 +378,14 @@ TEST_F(PulseTest, NoServerGivesAStatus) {
             NIMBARA_AUDIO_ERR_NO_SERVER);
   EXPECT_THAT(log.take(), ::testing::Contains("#newOutput err=-1"));
   EXPECT_FALSE(isHeadsetPluggedIn());
-  PulseDevice::PlaybackRate rate;
+  nimbara::platform::PlaybackRate rate;
   EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").playbackRate(&rate),
+            NIMBARA_AUDIO_ERR_NO_SERVER);
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").listOutputs(&outputs),
+            NIMBARA_AUDIO_ERR_NO_SERVER);
+  std::unique_ptr<nimbara::platform::CaptureStream> capture;
+  EXPECT_EQ(PulseDevice("unix:/nonexistent/nimbara").openCapture("", &capture),
             NIMBARA_AUDIO_ERR_NO_SERVER);
 }
 

@@ -22,10 +22,6 @@
 namespace tool {
 namespace {
 
-const std::vector<std::string> kSubcommands = {"status", "outputs", "flash", "puff",   "spray",
-                                               "state",  "tank",    "echo",  "render", "decode",
-                                               "listen", "play",    "help"};
-
 // One line on stderr, or one JSON object there under --json; the exit status.
 int fail(bool json, const std::string& message, int code) {
   if (json) {
@@ -44,53 +40,66 @@ void addCommandOptions(CLI::App* command, CommandWords& words, bool led) {
                       "milliseconds, -32768 to 32767 (default 500; a puff sprays 100 to 1000)");
 }
 
-}  // namespace
+// Everything the command line can ask for, filled in by the parse.
+struct Requests {
+  Globals globals;
+  int verbose = 0;
+  bool quiet = false;
+  std::vector<CommandWords> device;  // flash, puff, spray, state, tank, echo
+  RenderRequest render;
+  DecodeRequest decode;
+  ListenRequest listen;
+  std::string cues, follow;
+  std::string helpTopic;
+};
 
-int runTool(int argc, const char* const* argv, bool execute) {
-  CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound", "nimbara"};
+CommandWords named(const char* verb) {
+  CommandWords words;
+  words.verb = verb;
+  return words;
+}
+
+void addGlobalOptions(CLI::App& app, Requests& r) {
   app.require_subcommand(1, 1);
   app.fallthrough();
   app.set_version_flag("--version", "nimbara " NIMBARA_VERSION);
   app.footer(
       "COLOUR is R G B (0 to 255 each), #rrggbb, rrggbb or a CSS name (orange, teal...).\n"
       "Numbers are decimal. Exit status: 0, 1 failure, 2 usage, 3 no device on the route.");
-
-  Globals globals;
-  int verbose = 0;
-  bool quiet = false;
-  app.add_option("--device", globals.device,
-                 "audio output: pulse (the default sink), pulse:SINK, virtual or wav:PATH "
-                 "(default pulse)")
+  r.globals.device = nimbara::platform::defaultBackendName();
+  app.add_option("--device", r.globals.device,
+                 "audio output: " + nimbara::platform::backendNames() + " (default " +
+                     r.globals.device + ")")
       ->check([](const std::string& device) {
-        if (device == "pulse" || device == "virtual") return std::string();
-        if ((device.starts_with("wav:") && device.size() > 4) ||
-            (device.starts_with("pulse:") && device.size() > 6)) {
-          return std::string();
+        try {
+          nimbara::platform::makeBackend(device);
+        } catch (const std::invalid_argument&) {
+          return "must be " + nimbara::platform::backendNames();
         }
-        return std::string("must be pulse, pulse:SINK, virtual or wav:PATH");
+        return std::string();
       });
-  app.add_option("--route", globals.route, "route name of the virtual or wav output");
-  app.add_flag("-v,--verbose", verbose,
+  app.add_option("--route", r.globals.route, "route name of the virtual or wav output");
+  app.add_flag("-v,--verbose", r.verbose,
                "-v: a trace of what was sent and when; -vv: the library's log lines too");
-  app.add_flag("-q,--quiet", quiet, "print nothing but errors");
-  app.add_flag("--json", globals.json,
+  app.add_flag("-q,--quiet", r.quiet, "print nothing but errors");
+  app.add_flag("--json", r.globals.json,
                "print JSON (decode and listen: JSON Lines, one object a line)");
-  app.add_flag("--skip-precheck", globals.skipPrecheck,
+  app.add_flag("--skip-precheck", r.globals.skipPrecheck,
                "send without checking for headphones on the audio route");
+}
 
+// status, outputs and the commands sent to the accessory.
+void addDeviceCommands(CLI::App& app, Requests& r) {
   app.add_subcommand("status",
                      "the audio route, the device's presence, the volume and the sink's rate; "
                      "exit 3 when absent");
-  app.add_subcommand("outputs",
-                     "every sink of the sound server: presence, default, and whether the signal "
-                     "reaches it unresampled");
-  const auto named = [](const char* verb) {
-    CommandWords words;
-    words.verb = verb;
-    return words;
-  };
-  CommandWords flash = named("flash"), puff = named("puff"), spray = named("spray"),
-               state = named("state"), tank = named("tank"), echo = named("echo");
+  app.add_subcommand(
+      "outputs",
+      "every output of the device's backend: presence, default, and whether the signal "
+      "reaches it unresampled");
+  r.device = {named("flash"), named("puff"), named("spray"),
+              named("state"), named("tank"), named("echo")};
+  CommandWords &flash = r.device[0], &puff = r.device[1], &spray = r.device[2], &echo = r.device[5];
   auto* flashCommand = app.add_subcommand("flash", "flash the LED: flash COLOUR");
   flashCommand->add_option("COLOUR", flash.words, "R G B, #rrggbb, rrggbb or a CSS name")
       ->required();
@@ -110,74 +119,122 @@ int runTool(int argc, const char* const* argv, bool execute) {
   auto* echoCommand = app.add_subcommand(
       "echo", "send N to echo; no reply is heard, so the library's fixed answer (0) is printed");
   echoCommand->add_option("N", echo.words, "number, 0 to 4294967295")->required();
+}
 
-  RenderRequest render;
+// render and decode: the signal as a file and back.
+void addFileCommands(CLI::App& app, Requests& r) {
   auto* renderCommand = app.add_subcommand(
       "render",
       "write the samples a command hands the output: render VERB ARGS... --out FILE, or a "
       "whole track: render TRACK --out FILE");
   renderCommand
-      ->add_option("COMMAND", render.words,
+      ->add_option("COMMAND", r.render.words,
                    "a verb and its words as above (flash orange), or a library "
                    "operation and its numbers (doLightLed 255 0 128 1 500)")
       ->required();
-  renderCommand->add_option("--out", render.out, "the WAV file to write, - for standard output")
+  renderCommand->add_option("--out", r.render.out, "the WAV file to write, - for standard output")
       ->required();
-  renderCommand->add_option("--special", render.special, "special-effect byte (flash, puff)");
-  renderCommand->add_option("--time", render.time, "milliseconds (flash, puff)");
-  renderCommand->add_flag("--no-tank", render.noTank, "the puff that does not ask for the tank");
+  renderCommand->add_option("--special", r.render.special, "special-effect byte (flash, puff)");
+  renderCommand->add_option("--time", r.render.time, "milliseconds (flash, puff)");
+  renderCommand->add_flag("--no-tank", r.render.noTank, "the puff that does not ask for the tank");
 
-  DecodeRequest decode;
   auto* decodeCommand = app.add_subcommand(
       "decode", "print every transmission in audio files (WAV, FLAC, Ogg, MP3...; - is stdin)");
-  decodeCommand->add_option("FILE", decode.files, "audio files, or - for standard input")
+  decodeCommand->add_option("FILE", r.decode.files, "audio files, or - for standard input")
       ->required();
-  decodeCommand->add_flag("--raw", decode.raw, "raw signed 16-bit little-endian PCM (as parec)");
-  decodeCommand->add_option("--rate", decode.rate, "sample rate of --raw input (default 44100)");
-  decodeCommand->add_option("--channels", decode.channels, "channels of --raw input (default 2)");
+  decodeCommand->add_flag("--raw", r.decode.raw, "raw signed 16-bit little-endian PCM (as parec)");
+  decodeCommand->add_option("--rate", r.decode.rate, "sample rate of --raw input (default 44100)");
+  decodeCommand->add_option("--channels", r.decode.channels, "channels of --raw input (default 2)");
+}
 
-  ListenRequest listen;
+// listen, play and help.
+void addLiveCommands(CLI::App& app, Requests& r) {
   auto* listenCommand =
       app.add_subcommand("listen", "be the accessory: decode what a sound source plays, live");
-  listenCommand->add_option("--source", listen.source,
-                            "PulseAudio source (default: the monitor of the default sink)");
-  listenCommand->add_option("--count", listen.count,
+  listenCommand->add_option("--source", r.listen.source,
+                            "source to record (default: the monitor of the default sink)");
+  listenCommand->add_option("--count", r.listen.count,
                             "stop after this many transmissions (default 0: no limit)");
-  listenCommand->add_option("--seconds", listen.seconds,
+  listenCommand->add_option("--seconds", r.listen.seconds,
                             "stop after this many seconds (default 0: no limit)");
 
-  std::string cues, follow;
   auto* playCommand = app.add_subcommand(
       "play",
       "play a track (WebVTT, or one \"SECONDS VERB ARGS...\" a line), each cue at its time");
-  playCommand->add_option("TRACK", cues, "the track or cue file")->required();
-  playCommand->add_option("--follow", follow,
+  playCommand->add_option("TRACK", r.cues, "the track or cue file")->required();
+  playCommand->add_option("--follow", r.follow,
                           "mpv:SOCKET: send each cue when the film playing in mpv reaches it");
 
-  std::string helpTopic;
   auto* helpCommand = app.add_subcommand("help", "describe the tool, or one command");
-  helpCommand->add_option("COMMAND", helpTopic, "a command");
+  helpCommand->add_option("COMMAND", r.helpTopic, "a command");
+}
 
-  // An unknown command word: say which, and suggest the nearest.
-  bool jsonAsked = false;
-  for (int i = 1; i < argc; ++i) jsonAsked = jsonAsked || std::string(argv[i]) == "--json";
-  for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word.starts_with("-")) {
-      if (word == "--device" || word == "--route") ++i;  // their values
-      continue;
-    }
-    if (std::find(kSubcommands.begin(), kSubcommands.end(), word) == kSubcommands.end()) {
-      if (!execute) return kUsage;
-      const std::string near = nearest(word, kSubcommands);
-      return fail(jsonAsked,
-                  "unknown command \"" + word + "\"" +
-                      (near.empty() ? "" : " (did you mean " + near + "?)"),
-                  kUsage);
-    }
-    break;
+// The first word the parse left over, when it is where a command belongs.
+std::string strayCommand(const CLI::App& app) {
+  for (const std::string& word : app.remaining()) {
+    if (!word.starts_with("-")) return word;
   }
+  return "";
+}
 
+std::vector<std::string> commandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+std::string unknownCommand(const CLI::App& app, const std::string& word) {
+  const std::string near = nearest(word, commandNames(app));
+  return "unknown command \"" + word + "\"" + (near.empty() ? "" : " (did you mean " + near + "?)");
+}
+
+int runHelp(const CLI::App& app, const std::string& topic) {
+  if (topic.empty()) {
+    std::cout << app.help();
+    return 0;
+  }
+  const CLI::App* command = nullptr;
+  try {
+    command = app.get_subcommand(topic);
+  } catch (const CLI::OptionNotFound&) {
+    throw UsageError(unknownCommand(app, topic));
+  }
+  std::cout << command->help();
+  return 0;
+}
+
+// Runs the one subcommand the parse found; errors are exceptions.
+int dispatch(const CLI::App& app, Requests& r) {
+  const Globals& globals = r.globals;
+  if (app.got_subcommand("help")) return runHelp(app, r.helpTopic);
+  if (app.got_subcommand("status")) return runStatus(globals);
+  if (app.got_subcommand("outputs")) return runOutputs(globals);
+  for (const CommandWords& words : r.device) {
+    if (app.got_subcommand(words.verb)) return runDevice(globals, words);
+  }
+  if (app.got_subcommand("render") && namesTrack(r.render.words)) {
+    return runRenderTrack(globals, r.render.words[0], r.render.out);
+  }
+  if (app.got_subcommand("render")) return runRender(globals, r.render);
+  if (app.got_subcommand("decode")) return runDecode(globals, r.decode);
+  if (app.got_subcommand("listen")) return runListen(globals, r.listen);
+  if (app.got_subcommand("play")) {
+    return r.follow.empty() ? runPlay(globals, r.cues) : runFollow(globals, r.cues, r.follow);
+  }
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int runTool(int argc, const char* const* argv, bool execute) {
+  CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound", "nimbara"};
+  Requests r;
+  addGlobalOptions(app, r);
+  addDeviceCommands(app, r);
+  addFileCommands(app, r);
+  addLiveCommands(app, r);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -186,49 +243,21 @@ int runTool(int argc, const char* const* argv, bool execute) {
     return execute ? app.exit(e) : 0;
   } catch (const CLI::ParseError& e) {
     if (!execute) return kUsage;
-    return fail(globals.json, e.what(), kUsage);
+    // A word where a command belongs that is none: say which, and the nearest.
+    const std::string stray = app.get_subcommands().empty() ? strayCommand(app) : "";
+    return fail(r.globals.json, stray.empty() ? e.what() : unknownCommand(app, stray), kUsage);
   }
   if (!execute) return EXIT_SUCCESS;
-  globals.verbosity = quiet ? -1 : verbose;
-
+  r.globals.verbosity = r.quiet ? -1 : r.verbose;
   try {
-    if (*helpCommand) {
-      if (helpTopic.empty()) {
-        std::cout << app.help();
-        return 0;
-      }
-      CLI::App* topic = nullptr;
-      try {
-        topic = app.get_subcommand(helpTopic);
-      } catch (const CLI::OptionNotFound&) {
-        const std::string near = nearest(helpTopic, kSubcommands);
-        throw UsageError("unknown command \"" + helpTopic + "\"" +
-                         (near.empty() ? "" : " (did you mean " + near + "?)"));
-      }
-      std::cout << topic->help();
-      return 0;
-    }
-    if (app.got_subcommand("status")) return runStatus(globals);
-    if (app.got_subcommand("outputs")) return runOutputs(globals);
-    for (CommandWords* words : {&flash, &puff, &spray, &state, &tank, &echo}) {
-      if (app.got_subcommand(words->verb)) return runDevice(globals, *words);
-    }
-    if (*renderCommand && namesTrack(render.words)) {
-      return runRenderTrack(globals, render.words[0], render.out);
-    }
-    if (*renderCommand) return runRender(globals, render);
-    if (*decodeCommand) return runDecode(globals, decode);
-    if (*listenCommand) return runListen(globals, listen);
-    if (*playCommand)
-      return follow.empty() ? runPlay(globals, cues) : runFollow(globals, cues, follow);
+    return dispatch(app, r);
   } catch (const UsageError& e) {
-    return fail(globals.json, e.what(), kUsage);
+    return fail(r.globals.json, e.what(), kUsage);
   } catch (const NoDevice& e) {
-    return fail(globals.json, e.what(), kNoDevice);
+    return fail(r.globals.json, e.what(), kNoDevice);
   } catch (const std::exception& e) {
-    return fail(globals.json, e.what(), EXIT_FAILURE);
+    return fail(r.globals.json, e.what(), EXIT_FAILURE);
   }
-  return EXIT_FAILURE;
 }
 
 }  // namespace tool

@@ -21,7 +21,7 @@ namespace {
 std::vector<nimbara::Transmission> accessoryHeard(const Output& output) {
   if (!output.virtualDevice) return {};
   const auto heard = output.virtualDevice->playedSamples();
-  nimbara::Receiver receiver(44100, 2);
+  nimbara::Receiver receiver(NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS);
   receiver.push(heard.data(), heard.size() / 2);
   receiver.finish();
   return receiver.take();
@@ -80,18 +80,17 @@ int runStatus(const Globals& globals) {
   nimbara::NimbaraSDK::nimbara();  // asks for the preferred rate, as every request does
   const std::string route = routeOf();
   const bool present = isHeadsetPluggedIn();
-  nimbara::platform::PulseDevice::OutputLevel level{100.0, false};
-  if (output.pulse && !readLevel(output, &level)) level = {0.0, false};
-  // Other outputs take the signal as it is.
-  nimbara::platform::PulseDevice::PlaybackRate rate{44100, true, false};
-  const bool rateKnown = !output.pulse || readRate(output, &rate);
+  nimbara::platform::OutputLevel level;
+  if (!readLevel(output, &level)) level = {0.0, false};
+  nimbara::platform::PlaybackRate rate;
+  const bool rateKnown = readRate(output, &rate);
   if (globals.json) {
     std::cout << Json{{"device", globals.device},
                       {"route", route},
                       {"present", present},
                       {"volume", std::round(level.volumePercent)},
                       {"muted", level.muted},
-                      {"rate", rateKnown ? Json(rate.sinkRate) : Json(nullptr)},
+                      {"rate", rateKnown ? Json(rate.rate) : Json(nullptr)},
                       {"exact", rateKnown && rate.exact}}
                      .dump()
               << std::endl;

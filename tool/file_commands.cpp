@@ -3,7 +3,6 @@
 
 #include <iostream>
 
-#include "audio_file.h"
 #include "commands.h"
 #include "report.h"
 #include "words.h"
@@ -21,7 +20,7 @@ int runRender(const Globals& globals, const RenderRequest& request) {
   const nimbara::Command command = parseCommand(words);
   if (globals.verbosity < 2) nimbara::setLogSink({});
   const auto samples = nimbara::renderCommand(command);
-  writeWav(request.out, samples);
+  nimbara::writeAudioFile(request.out, samples);
   trace(globals, "rendered " + describeCommand(command));
 
   // Standard output carries the WAV itself: the report goes to stderr then.
@@ -39,7 +38,7 @@ int runRender(const Globals& globals, const RenderRequest& request) {
 }
 
 int runDecode(const Globals& globals, const DecodeRequest& request) {
-  RawFormat raw;
+  nimbara::RawPcm raw;
   raw.raw = request.raw;
   if (request.raw) {
     raw.rate = static_cast<int>(decimalNumber("--rate", request.rate, 8000, 192000));
@@ -58,14 +57,16 @@ int runDecode(const Globals& globals, const DecodeRequest& request) {
         say(globals, (several ? path + ": " : "") + describeTransmission(t) + "\n");
       }
     };
-    readAudio(path, raw, [&](const float* samples, std::size_t frames, const AudioInfo& info) {
+    const auto block = [&](const float* samples, std::size_t frames,
+                           const nimbara::AudioFileFormat& info) {
       if (!receiver) {
         receiver = std::make_unique<nimbara::Receiver>(info.rate, info.channels);
         receiver->onTransmission(print);
       }
       receiver->push(samples, frames);
       receiver->take();  // printed as they came; nothing is kept
-    });
+    };
+    nimbara::readAudioFile(path, block, raw);
     receiver->finish();
     receiver->take();
   }

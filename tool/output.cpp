@@ -17,18 +17,10 @@ Output openOutput(const Globals& globals) {
   }
   output.virtualDevice =
       std::dynamic_pointer_cast<nimbara::platform::VirtualDevice>(output.backend);
-#ifdef NIMBARA_TOOL_PULSE
-  if (std::dynamic_pointer_cast<nimbara::platform::PulseDevice>(output.backend)) {
-    output.pulse = output.backend;
-  }
-#endif
-  output.wav = std::dynamic_pointer_cast<nimbara::platform::WavDevice>(output.backend);
-  if (output.pulse) {
-    std::string route;
-    if (output.pulse->routeName(&route) == NIMBARA_AUDIO_ERR_NO_SERVER) {
-      throw std::runtime_error(
-          "no audio server could be reached; use --device virtual to play without one");
-    }
+  std::string route;
+  if (output.backend->routeName(&route) == NIMBARA_AUDIO_ERR_NO_SERVER) {
+    throw std::runtime_error(
+        "no audio server could be reached; use --device virtual to play without one");
   }
   nimbara::platform::setBackend(output.backend);
   return output;
@@ -53,43 +45,33 @@ std::shared_ptr<nimbara::NimbaraProtocol> checkPresence(const Globals& globals) 
 }
 
 void failedOutput(const Globals& globals, const Output& output, std::int32_t status) {
-  const std::string where = output.wav ? "cannot write " + globals.device.substr(4) + ": " : "";
+  const bool file = std::string(output.backend->name()) == "wav";
+  const std::string where = file ? "cannot write " + globals.device.substr(4) + ": " : "";
   throw std::runtime_error(where + nimbaraAudioStatusText(status) + " (status " +
                            std::to_string(status) + "); the command did not go out whole");
 }
 
-bool readRate(const Output& output, nimbara::platform::PulseDevice::PlaybackRate* rate) {
-#ifdef NIMBARA_TOOL_PULSE
-  return output.pulse &&
-         static_cast<nimbara::platform::PulseDevice&>(*output.pulse).playbackRate(rate) == 0;
-#else
-  (void)output;
-  (void)rate;
-  return false;
-#endif
+bool readRate(const Output& output, nimbara::platform::PlaybackRate* rate) {
+  const std::int32_t status = output.backend->playbackRate(rate);
+  if (status == NIMBARA_AUDIO_ERR_NOT_SUPPORTED) *rate = {NIMBARA_SAMPLE_RATE, true, {}};
+  return status == 0 || status == NIMBARA_AUDIO_ERR_NOT_SUPPORTED;
 }
 
-bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level) {
-#ifdef NIMBARA_TOOL_PULSE
-  return output.pulse &&
-         static_cast<nimbara::platform::PulseDevice&>(*output.pulse).outputLevel(level) == 0;
-#else
-  (void)output;
-  (void)level;
-  return false;  // a build without the sound-server backend
-#endif
+bool readLevel(const Output& output, nimbara::platform::OutputLevel* level) {
+  const std::int32_t status = output.backend->outputLevel(level);
+  if (status == NIMBARA_AUDIO_ERR_NOT_SUPPORTED) *level = {100.0, false};
+  return status == 0 || status == NIMBARA_AUDIO_ERR_NOT_SUPPORTED;
 }
 
-// A sound server output that is muted, turned down or resampling loses the
-// accessory.
+// An output that is muted, turned down or resampling loses the accessory.
 void warnAboutLevel(const Output& output) {
-  nimbara::platform::PulseDevice::OutputLevel level;
+  nimbara::platform::OutputLevel level;
   if (!readLevel(output, &level)) return;
   if (level.muted || level.volumePercent < 100.0) {
     std::fprintf(stderr, "nimbara: warning: the output is %s; the accessory needs full volume\n",
                  level.muted ? "muted" : "below full volume");
   }
-  nimbara::platform::PulseDevice::PlaybackRate rate;
+  nimbara::platform::PlaybackRate rate;
   if (readRate(output, &rate)) std::fputs(resamplingWarning(rate).c_str(), stderr);
 }
 

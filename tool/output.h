@@ -14,9 +14,6 @@ namespace tool {
 struct Output {
   std::shared_ptr<nimbara::platform::Backend> backend;
   std::shared_ptr<nimbara::platform::VirtualDevice> virtualDevice;
-  // The sound server's device, when it is one (reached through readLevel).
-  std::shared_ptr<nimbara::platform::Backend> pulse;
-  std::shared_ptr<nimbara::platform::WavDevice> wav;
 };
 
 // Makes and installs the output; a sound server that cannot be reached fails.
@@ -29,14 +26,15 @@ std::string routeOf();
 // headphones are on the route. Returns the controller.
 std::shared_ptr<nimbara::NimbaraProtocol> checkPresence(const Globals& globals);
 
-// The sound server output's volume and mute state; false for other outputs.
-bool readLevel(const Output& output, nimbara::platform::PulseDevice::OutputLevel* level);
+// The output's volume and mute state: full and unmuted for an output without
+// a level; false when it cannot be told.
+bool readLevel(const Output& output, nimbara::platform::OutputLevel* level);
 
-// The rate of the sink that plays (after playing on it); false for other
-// outputs or when it cannot be told.
-bool readRate(const Output& output, nimbara::platform::PulseDevice::PlaybackRate* rate);
+// The rate of the output while it plays (it may play to tell): the signal's
+// own for an output that cannot resample; false when it cannot be told.
+bool readRate(const Output& output, nimbara::platform::PlaybackRate* rate);
 
-// Warns on stderr when a sound server's output is muted or turned down.
+// Warns on stderr when the output is muted, turned down or resampling.
 void warnAboutLevel(const Output& output);
 
 // Throws the one-line error for an output that failed with `status`.

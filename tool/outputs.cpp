@@ -1,4 +1,4 @@
-// outputs: every sink of the sound server, whether the presence rule sees
+// outputs: every output of the chosen backend, whether the presence rule sees
 // headphones on it, and whether the signal reaches it unresampled.
 #include <nimbara/nimbara.h>
 
@@ -14,44 +14,39 @@ namespace tool {
 
 int runOutputs(const Globals& globals) {
   if (globals.verbosity < 2) nimbara::setLogSink({});
-  if (globals.device != "pulse" && !globals.device.starts_with("pulse:")) {
-    throw UsageError("outputs lists the sound server's sinks: use --device pulse");
+  std::shared_ptr<nimbara::platform::Backend> backend;
+  try {
+    // Every output of the backend, whichever one of them --device names.
+    backend = nimbara::platform::makeBackend(globals.device, globals.route);
+  } catch (const std::invalid_argument& e) {
+    throw UsageError(e.what());
   }
-  nimbara::platform::PulseDevice server;
-  std::vector<nimbara::platform::PulseDevice::SinkSummary> sinks;
-  if (const std::int32_t status = server.listSinks(&sinks)) {
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  if (const std::int32_t status = backend->listOutputs(&outputs)) {
     throw std::runtime_error(status == NIMBARA_AUDIO_ERR_NO_SERVER
                                  ? "no audio server could be reached"
-                                 : std::string("cannot list the sinks: ") +
+                                 : std::string("cannot list the outputs: ") +
                                        nimbaraAudioStatusText(status));
   }
   Json json = Json::array();
-  for (const auto& sink : sinks) {
-    // The library's own presence test, on this sink as the route.
-    auto device = std::make_shared<nimbara::platform::PulseDevice>(std::string(), sink.name);
-    nimbara::platform::setBackend(device);
-    const bool present = isHeadsetPluggedIn();
-    // The rate a sink runs at shows only while something plays on it.
-    device->setPreferredSampleRate(44100.0);
-    nimbara::platform::PulseDevice::PlaybackRate rate;
-    rate.sinkRate = sink.rate;
-    const bool probed = device->playbackRate(&rate) == 0;
+  for (const auto& output : outputs) {
+    const bool present = nimbara::routeNamesHeadset(output.route);
+    const nimbara::platform::PlaybackRate rate{output.rate, output.exact, {}};
     if (globals.json) {
-      json.push_back(Json{{"name", sink.name},
-                          {"description", sink.description},
-                          {"port", sink.port},
+      json.push_back(Json{{"name", output.name},
+                          {"description", output.description},
+                          {"port", output.port},
                           {"present", present},
-                          {"default", sink.isDefault},
-                          {"rate", rate.sinkRate},
-                          {"exact", probed && rate.exact}});
+                          {"default", output.isDefault},
+                          {"rate", output.rate != 0 ? Json(output.rate) : Json(nullptr)},
+                          {"exact", output.exact}});
     } else if (globals.verbosity >= 0) {
-      std::printf("%s %s: %s, %s, %s\n", sink.isDefault ? "*" : " ", sink.name.c_str(),
-                  sink.route.c_str(), present ? "present" : "absent",
-                  probed ? describeRate(rate).c_str() : "rate unknown");
+      std::printf("%s %s: %s, %s, %s\n", output.isDefault ? "*" : " ", output.name.c_str(),
+                  output.route.c_str(), present ? "present" : "absent",
+                  output.rate != 0 ? describeRate(rate).c_str() : "rate unknown");
     }
   }
   if (globals.json) std::printf("%s\n", json.dump().c_str());
-  nimbara::platform::setBackend(nullptr);
   return 0;
 }
 

@@ -1,5 +1,6 @@
 #include "track_commands.h"
 
+#include <nimbara/audio/audio_file.h>
 #include <nimbara/log.h>
 
 #include <chrono>
@@ -7,7 +8,6 @@
 #include <filesystem>
 #include <iostream>
 
-#include "audio_file.h"
 #include "report.h"
 
 namespace tool {
@@ -30,7 +30,7 @@ int runRenderTrack(const Globals& globals, const std::string& path, const std::s
   const auto cues = loadTrack(path);
   if (globals.verbosity < 2) nimbara::setLogSink({});
   const auto samples = nimbara::renderTrack(cues);
-  writeWav(out, samples);
+  nimbara::writeAudioFile(out, samples);
   std::ostream& report = out == "-" ? std::cerr : std::cout;
   if (globals.json) {
     report << Json{{"track", path},

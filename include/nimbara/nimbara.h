@@ -21,10 +21,11 @@
 #include <nimbara/api/NimbaraException.h>
 #include <nimbara/api/NimbaraProtocol.h>
 #include <nimbara/api/command.h>
+#include <nimbara/api/timeline.h>
+#include <nimbara/audio/audio_file.h>
 #include <nimbara/api/vocabulary.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
-#include <nimbara/platform/pulse_device.h>
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/platform/wav_device.h>
 #include <nimbara/receiver/receiver.h>

@@ -185,7 +185,7 @@ def test_decode_file_reads_real_wav_files(tool, tmp_path):
         nimbara.decode_file(tmp_path / "missing.wav")
     text = tmp_path / "text.wav"
     text.write_text("not a wave at all, just text")
-    with pytest.raises(ValueError, match="not a WAV file"):
+    with pytest.raises(ValueError, match="not an audio file libsndfile reads"):
         nimbara.decode_file(str(text))
 
 

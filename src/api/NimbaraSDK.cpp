@@ -1,4 +1,5 @@
 #include <nimbara/api/NimbaraSDK.h>
+#include <nimbara/signal/signal_format.h>
 
 #include <nimbara/platform/audio_queue.h>
 
@@ -70,7 +71,7 @@ NimbaraSDK& NimbaraSDK::nimbara() {
     singleton.store(sdk, std::memory_order_release);
     sdk->nimbaraProtocol()->initialize(nullptr);
   });
-  nimbaraAudioSessionSetPreferredSampleRate(44100.0);
+  nimbaraAudioSessionSetPreferredSampleRate(NIMBARA_SAMPLE_RATE);
   return *singleton.load(std::memory_order_acquire);
 }
 

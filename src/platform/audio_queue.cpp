@@ -4,6 +4,7 @@
 #include <nimbara/platform/audio_queue.h>
 
 #include <nimbara/platform/backend.h>
+#include <nimbara/signal/signal_format.h>
 
 #include <algorithm>
 #include <array>
@@ -123,9 +124,11 @@ struct ThreadRegistry {
 };
 
 bool isPlayableFormat(const NimbaraStreamFormat& f) {
-  return f.sampleRate == 44100.0 && f.formatID == NIMBARA_FORMAT_LINEAR_PCM &&
-         (f.formatFlags & NIMBARA_FORMAT_FLAG_SIGNED_INTEGER) != 0 && f.bytesPerPacket == 4 &&
-         f.framesPerPacket == 1 && f.bytesPerFrame == 4 && f.channelsPerFrame == 2 &&
+  constexpr std::uint32_t kBytesPerFrame = 2 * NIMBARA_CHANNELS;
+  return f.sampleRate == NIMBARA_SAMPLE_RATE && f.formatID == NIMBARA_FORMAT_LINEAR_PCM &&
+         (f.formatFlags & NIMBARA_FORMAT_FLAG_SIGNED_INTEGER) != 0 &&
+         f.bytesPerPacket == kBytesPerFrame && f.framesPerPacket == 1 &&
+         f.bytesPerFrame == kBytesPerFrame && f.channelsPerFrame == NIMBARA_CHANNELS &&
          f.bitsPerChannel == 16;
 }
 
@@ -195,6 +198,12 @@ const char* nimbaraAudioStatusText(int32_t status) {
       return "the audio server refused the playback stream";
     case NIMBARA_AUDIO_ERR_LOST:
       return "the audio output was lost while playing";
+    case NIMBARA_AUDIO_ERR_NOT_SUPPORTED:
+      return "not supported";
+    case NIMBARA_AUDIO_ERR_RAN_DRY:
+      return "the output ran dry while the command played";
+    case NIMBARA_AUDIO_ERR_NO_SUCH_NAME:
+      return "no output or source of that name";
     default:
       return status < 0 ? "unknown audio error" : "platform status";
   }
@@ -321,3 +330,7 @@ void waitUntilIdle() {
 }
 
 }  // namespace nimbara::platform
+
+void nimbaraAudioWaitUntilIdle(void) {
+  nimbara::platform::waitUntilIdle();
+}

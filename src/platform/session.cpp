@@ -1,114 +1,24 @@
-// The current backend, the session calls and the thread pause.
+// The plain C functions of the audio session, the route and the backend's
+// choice, on the current backend.
+#include <nimbara/platform/audio_queue.h>
 #include <nimbara/platform/backend.h>
-#include <nimbara/platform/virtual_device.h>
-#include <nimbara/platform/wav_device.h>
-#ifdef NIMBARA_HAVE_PULSE
-#include <nimbara/platform/pulse_device.h>
-#endif
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
-namespace nimbara::platform {
 namespace {
 
-std::mutex backendMutex;
-std::shared_ptr<Backend> selected;
-
-std::shared_ptr<Backend> makeDefaultBackend() {
-#ifdef NIMBARA_HAVE_PULSE
-  return std::make_shared<PulseDevice>();
-#else
-  return std::make_shared<VirtualDevice>();
-#endif
-}
-
-}  // namespace
-
-std::int32_t OutputStream::prepareBuffer(std::uint32_t) {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t OutputStream::enqueued(const std::int16_t*, std::size_t) {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t OutputStream::start() {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t OutputStream::close() {
-  return NIMBARA_AUDIO_OK;
-}
-
-std::int32_t Backend::initializeSession() {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t Backend::setCategoryPlayback() {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t Backend::setActive(bool) {
-  return NIMBARA_AUDIO_OK;
-}
-std::int32_t Backend::setPreferredSampleRate(double) {
-  return NIMBARA_AUDIO_OK;
-}
-void Backend::sleep(double seconds) {
-  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-}
-bool Backend::returnsBuffersAfterDispose() const {
-  return true;
-}
-
-void setBackend(std::shared_ptr<Backend> backend) {
-  std::lock_guard lock(backendMutex);
-  selected = std::move(backend);
-}
-
-std::shared_ptr<Backend> currentBackend() {
-  std::lock_guard lock(backendMutex);
-  if (!selected) selected = makeDefaultBackend();
-  return selected;
-}
-
-std::shared_ptr<Backend> currentBackendOrNull() noexcept {
-  try {
-    return currentBackend();
-  } catch (...) {
-    return nullptr;
-  }
-}
-
-std::shared_ptr<Backend> makeBackend(const std::string& name, const std::string& route) {
-  if (name == "virtual") {
-    VirtualDevice::Options options;
-    if (!route.empty()) options.route = route;
-    return std::make_shared<VirtualDevice>(options);
-  }
-  if (name.starts_with("wav:") && name.size() > 4) {
-    return route.empty() ? std::make_shared<WavDevice>(name.substr(4))
-                         : std::make_shared<WavDevice>(name.substr(4), route);
-  }
-#ifdef NIMBARA_HAVE_PULSE
-  if (name == "pulse") return std::make_shared<PulseDevice>();
-  if (name.starts_with("pulse:") && name.size() > 6) {
-    return std::make_shared<PulseDevice>(std::string(), name.substr(6));
-  }
-#endif
-  throw std::invalid_argument("unknown audio output \"" + name +
-                              "\" (use pulse, pulse:SINK, virtual or wav:PATH)");
-}
-
-}  // namespace nimbara::platform
-
-namespace {
-
-// A session call on the current backend; no exception leaves a C function.
+// A call on the current backend; no exception leaves a C function.
 template <typename Call>
 std::int32_t onBackend(Call call) {
   try {
     auto backend = nimbara::platform::currentBackend();
+    if (!backend) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     return call(*backend);
   } catch (const std::bad_alloc&) {
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
@@ -119,15 +29,18 @@ std::int32_t onBackend(Call call) {
 
 }  // namespace
 
+// Nothing to set up on any output this library plays on: no session to
+// open, no category to choose, nothing to activate.
 int32_t nimbaraAudioSessionInitialize(void) {
-  return onBackend([](auto& b) { return b.initializeSession(); });
+  return NIMBARA_AUDIO_OK;
 }
 int32_t nimbaraAudioSessionSetCategoryPlayback(void) {
-  return onBackend([](auto& b) { return b.setCategoryPlayback(); });
+  return NIMBARA_AUDIO_OK;
 }
-int32_t nimbaraAudioSessionSetActive(bool active) {
-  return onBackend([&](auto& b) { return b.setActive(active); });
+int32_t nimbaraAudioSessionSetActive(bool) {
+  return NIMBARA_AUDIO_OK;
 }
+
 int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate) {
   return onBackend([&](auto& b) { return b.setPreferredSampleRate(rate); });
 }
@@ -164,8 +77,4 @@ int32_t nimbaraAudioUseBackend(const char* name) {
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
   }
   return NIMBARA_AUDIO_OK;
-}
-
-void nimbaraAudioWaitUntilIdle(void) {
-  nimbara::platform::waitUntilIdle();
 }

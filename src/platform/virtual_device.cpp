@@ -1,13 +1,18 @@
 #include <nimbara/platform/virtual_device.h>
 
+#include <algorithm>
 #include <chrono>
 #include <new>
+#include <stdexcept>
+
 #include <thread>
+#include "platform/backend_registry.h"
 
 namespace nimbara::platform {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr double kRate = NIMBARA_SAMPLE_RATE;
 
 // Appends within the capacity reserved up front: recording never allocates on
 // the audio thread; what does not fit is not kept.
@@ -22,13 +27,13 @@ class VirtualDevice::Stream : public OutputStream {
  public:
   Stream(VirtualDevice& device) : device_(device) {
     if (device.options_.record) {
-      enqueued_.reserve(device.options_.recordLimitFrames * 2);
-      played_.reserve(device.options_.recordLimitFrames * 2);
+      enqueued_.reserve(device.options_.recordLimitFrames * NIMBARA_CHANNELS);
+      played_.reserve(device.options_.recordLimitFrames * NIMBARA_CHANNELS);
     }
   }
 
   std::int32_t enqueued(const std::int16_t* samples, std::size_t frames) override {
-    append(enqueued_, samples, frames * 2);
+    append(enqueued_, samples, frames * NIMBARA_CHANNELS);
     return NIMBARA_AUDIO_OK;
   }
 
@@ -42,25 +47,30 @@ class VirtualDevice::Stream : public OutputStream {
       // have played silence meanwhile, so it is counted, and the clock moves.
       const auto expectedStart =
           started_ + std::chrono::duration_cast<Clock::duration>(
-                         std::chrono::duration<double>(framesPlayed_ / 44100.0 * scale));
+                         std::chrono::duration<double>(framesPlayed_ / kRate * scale));
       const auto late = Clock::now() - expectedStart;
+      std::int32_t status = NIMBARA_AUDIO_OK;
       if (framesPlayed_ > 0 && late > std::chrono::milliseconds(5)) {
         device_.underruns_.fetch_add(1, std::memory_order_relaxed);
         started_ += late;
+        if (device_.options_.reportRunDry) status = NIMBARA_AUDIO_ERR_RAN_DRY;
       }
       const auto due =
           started_ + std::chrono::duration_cast<Clock::duration>(
-                         std::chrono::duration<double>((framesPlayed_ + frames) / 44100.0 * scale));
+                         std::chrono::duration<double>((framesPlayed_ + frames) / kRate * scale));
       while (!stop.load(std::memory_order_acquire)) {
         const auto now = Clock::now();
         if (now >= due) break;
         std::this_thread::sleep_for(
             std::min<Clock::duration>(due - now, std::chrono::milliseconds(2)));
       }
-      if (stop.load(std::memory_order_acquire)) return NIMBARA_AUDIO_OK;
+      if (stop.load(std::memory_order_acquire)) return status;
+      framesPlayed_ += frames;
+      append(played_, samples, frames * NIMBARA_CHANNELS);
+      return status;
     }
     framesPlayed_ += frames;
-    append(played_, samples, frames * 2);
+    append(played_, samples, frames * NIMBARA_CHANNELS);
     return NIMBARA_AUDIO_OK;
   }
 
@@ -95,21 +105,25 @@ std::int32_t VirtualDevice::routeName(std::string* name) {
   return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t VirtualDevice::initializeSession() {
-  std::lock_guard lock(mutex_);
-  ++session_.initializeCalls;
+std::int32_t VirtualDevice::listOutputs(std::vector<OutputInfo>* outputs) {
+  OutputInfo output;
+  output.name = "virtual";
+  output.description = "Virtual device";
+  if (const std::int32_t status = routeName(&output.route)) return status;
+  output.isDefault = true;
+  output.rate = NIMBARA_SAMPLE_RATE;
+  output.exact = true;
+  outputs->assign(1, std::move(output));
   return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t VirtualDevice::setCategoryPlayback() {
-  std::lock_guard lock(mutex_);
-  ++session_.categoryCalls;
+std::int32_t VirtualDevice::outputLevel(OutputLevel* level) {
+  *level = {100.0, false};
   return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t VirtualDevice::setActive(bool active) {
-  std::lock_guard lock(mutex_);
-  session_.active = active;
+std::int32_t VirtualDevice::playbackRate(PlaybackRate* rate) {
+  *rate = {NIMBARA_SAMPLE_RATE, true, {}};
   return NIMBARA_AUDIO_OK;
 }
 
@@ -176,6 +190,13 @@ void VirtualDevice::clearRecordings() {
 VirtualDevice::Session VirtualDevice::session() const {
   std::lock_guard lock(mutex_);
   return session_;
+}
+
+std::shared_ptr<Backend> detail::makeVirtualBackend(const detail::BackendArgs& args) {
+  if (!args.argument.empty()) throw std::invalid_argument("virtual takes no argument");
+  VirtualDevice::Options options;
+  if (!args.route.empty()) options.route = args.route;
+  return std::make_shared<VirtualDevice>(options);
 }
 
 }  // namespace nimbara::platform

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 
 #include "common/log.h"
 #include "frame/frame_internal.h"
@@ -15,13 +17,13 @@ constexpr double kPollSeconds = 0.1;
 
 NimbaraStreamFormat outputFormat() {
   NimbaraStreamFormat format{};
-  format.sampleRate = 44100.0;
+  format.sampleRate = NIMBARA_SAMPLE_RATE;
   format.formatID = NIMBARA_FORMAT_LINEAR_PCM;
   format.formatFlags = NIMBARA_FORMAT_FLAG_SIGNED_INTEGER | NIMBARA_FORMAT_FLAG_PACKED;
-  format.bytesPerPacket = 4;
+  format.bytesPerPacket = 2 * NIMBARA_CHANNELS;
   format.framesPerPacket = 1;
-  format.bytesPerFrame = 4;
-  format.channelsPerFrame = 2;
+  format.bytesPerFrame = 2 * NIMBARA_CHANNELS;
+  format.channelsPerFrame = NIMBARA_CHANNELS;
   format.bitsPerChannel = 16;
   format.reserved = 0;
   return format;
@@ -139,4 +141,25 @@ int32_t executeFunction(FrameNode* frame, uint32_t /*expectedReplyCode*/, unsign
   const std::int32_t status = nimbaraAudioQueueGetStatus(context->queue);
   dropHold(context);
   return status;
+}
+
+std::int32_t nimbara::playFrames(const std::int16_t* samples, std::size_t frames) {
+  if (samples == nullptr || frames == 0 || frames > std::numeric_limits<std::int32_t>::max() / 4) {
+    return NIMBARA_AUDIO_ERR_INVALID;
+  }
+  // One node over the caller's samples; the engine releases the node, and
+  // the unit, which it does not own, lives here until the output is done.
+  ProtocolUnit unit{};
+  unit.data = reinterpret_cast<std::uint8_t*>(const_cast<std::int16_t*>(samples));
+  unit.length = static_cast<std::int32_t>(frames);
+  unit.kind = nimbara::detail::kFramesUnit;
+  std::memcpy(unit.name, "PCM", 4);
+  auto* node = static_cast<FrameNode*>(std::calloc(1, sizeof(FrameNode)));
+  if (node == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  node->protocol = &unit;
+  // The engine ends a playback once it has rendered its target, and the
+  // buffers still queued behind the one playing then are never heard: the
+  // target covers them with silence, so that every frame is heard.
+  const std::size_t unheard = (NIMBARA_BUFFER_COUNT - 1) * NIMBARA_FRAMES_PER_BUFFER;
+  return executeFunction(node, 0, 2ul * (frames + unheard), nullptr);
 }

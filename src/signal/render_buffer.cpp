@@ -158,7 +158,12 @@ void nimbara::detail::renderBuffer(PlaybackContext* context, std::int16_t* out,
       leaveNode(node);
       continue;
     }
-    if (unit->kind == NIMBARA_SAMPLE_UNIT) {
+    if (unit->kind == nimbara::detail::kFramesUnit) {
+      const std::uint32_t n = std::min(length - node->bitIndex, count - i);
+      std::memcpy(out + 2 * i, unit->data + std::size_t{4} * node->bitIndex, std::size_t{4} * n);
+      i += n;
+      node->bitIndex += n;
+    } else if (unit->kind == NIMBARA_SAMPLE_UNIT) {
       const std::uint32_t n = std::min(length - node->bitIndex, count - i);
       const std::uint8_t* element = unit->data + node->bitIndex;
       std::int16_t* frames = out + 2 * i;

@@ -95,14 +95,7 @@ std::uint64_t trackFrames(const std::vector<TrackCue>& cues) {
 }
 
 std::vector<std::int16_t> renderTrack(const std::vector<TrackCue>& cues) {
-  std::vector<std::int16_t> track(2 * trackFrames(cues));
-  for (const auto& cue : cues) {
-    const auto samples = renderCommand(cue.command);
-    const std::size_t from = 2 * cue.startFrame;
-    std::copy_n(samples.begin(), std::min(samples.size(), track.size() - from),
-                track.begin() + static_cast<std::ptrdiff_t>(from));
-  }
-  return track;
+  return renderTimeline(std::vector<Cue>(cues.begin(), cues.end()));
 }
 
 }  // namespace nimbara

@@ -48,9 +48,6 @@ class FaultyBackend : public platform::Backend {
     if (const std::int32_t status = fault(Call::RouteQuery, ++routeQueries_)) return status;
     return inner_->routeName(name);
   }
-  std::int32_t initializeSession() override { return inner_->initializeSession(); }
-  std::int32_t setCategoryPlayback() override { return inner_->setCategoryPlayback(); }
-  std::int32_t setActive(bool active) override { return inner_->setActive(active); }
   std::int32_t setPreferredSampleRate(double rate) override {
     return inner_->setPreferredSampleRate(rate);
   }

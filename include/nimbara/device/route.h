@@ -23,17 +23,14 @@ NIMBARA_API bool checkDeviceByMicWaveForInternal(void);
 NIMBARA_END_C
 
 #ifdef __cplusplus
-#include <cstring>
+#include <string_view>
 
 namespace nimbara {
 
-/** The presence rule on a route name, for front ends that learn an output's
- * name another way (the web page's output list): true when the name contains
- * "HeadsetInOut" or "Headphone", case-sensitive, anywhere in the text. */
-inline bool routeNamesHeadset(const char* route) {
-  return std::strstr(route, "HeadsetInOut") != nullptr ||
-         std::strstr(route, "Headphone") != nullptr;
-}
+/** The presence rule on a route name: true when it contains "HeadsetInOut" or
+ * "Headphone" (case matters), anywhere. For an output known by its route
+ * without being the current one (a list of outputs). */
+NIMBARA_API bool routeNamesHeadset(std::string_view route);
 
 }  // namespace nimbara
 #endif

@@ -1,7 +1,8 @@
 /* The platform audio layer: an output queue of PCM buffers, the audio session
  * and the current audio route. The playback engine reaches the audio output
  * only through these calls; the backend behind them (a sound server, the
- * in-process virtual device, a WAV file) is chosen with nimbara::platform. */
+ * in-process virtual device, a WAV file) is chosen with nimbara::platform
+ * (<nimbara/platform/backend.h>). */
 #ifndef NIMBARA_PLATFORM_AUDIO_QUEUE_H
 #define NIMBARA_PLATFORM_AUDIO_QUEUE_H
 
@@ -16,16 +17,19 @@ NIMBARA_BEGIN_C
 /** Statuses: 0 for success, negative for the layer's own failures. */
 enum {
   NIMBARA_AUDIO_OK = 0,
-  NIMBARA_AUDIO_ERR_NO_SERVER = -1, /**< the audio server cannot be reached */
-  NIMBARA_AUDIO_ERR_FORMAT = -2,    /**< the stream format is not 44100 Hz s16 stereo PCM */
-  NIMBARA_AUDIO_ERR_DISPOSED = -3,  /**< the queue has been disposed of */
-  NIMBARA_AUDIO_ERR_INVALID = -4,   /**< a null or malformed argument */
-  NIMBARA_AUDIO_ERR_NO_MEMORY = -5, /**< memory or the queue's buffer slots ran out */
-  NIMBARA_AUDIO_ERR_BUSY = -6,      /**< buffer already enqueued, or queue already started */
-  NIMBARA_AUDIO_ERR_IO = -7,        /**< the output (a file, a stream) failed */
-  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,  /**< the current route cannot be read */
-  NIMBARA_AUDIO_ERR_STREAM = -9,    /**< the server refused the playback stream */
-  NIMBARA_AUDIO_ERR_LOST = -10      /**< the output went away while playing */
+  NIMBARA_AUDIO_ERR_NO_SERVER = -1,      /**< the audio server cannot be reached */
+  NIMBARA_AUDIO_ERR_FORMAT = -2,         /**< the stream format is not 44100 Hz s16 stereo PCM */
+  NIMBARA_AUDIO_ERR_DISPOSED = -3,       /**< the queue has been disposed of */
+  NIMBARA_AUDIO_ERR_INVALID = -4,        /**< a null or malformed argument */
+  NIMBARA_AUDIO_ERR_NO_MEMORY = -5,      /**< memory or the queue's buffer slots ran out */
+  NIMBARA_AUDIO_ERR_BUSY = -6,           /**< buffer already enqueued, or queue already started */
+  NIMBARA_AUDIO_ERR_IO = -7,             /**< the output (a file, a stream) failed */
+  NIMBARA_AUDIO_ERR_NO_ROUTE = -8,       /**< the current route cannot be read */
+  NIMBARA_AUDIO_ERR_STREAM = -9,         /**< the server refused the playback stream */
+  NIMBARA_AUDIO_ERR_LOST = -10,          /**< the output went away while playing */
+  NIMBARA_AUDIO_ERR_NOT_SUPPORTED = -11, /**< the backend has no such operation */
+  NIMBARA_AUDIO_ERR_RAN_DRY = -12,       /**< the output played silence: the stream came late */
+  NIMBARA_AUDIO_ERR_NO_SUCH_NAME = -13   /**< no output or source of that name */
 };
 
 /** Text of a status, for messages; never null. */
@@ -98,7 +102,9 @@ NIMBARA_API void nimbaraAudioQueueWaitUntilDone(NimbaraAudioQueueRef queue);
  * callbacks. The queue's memory goes once its thread has finished too. */
 NIMBARA_API void nimbaraAudioQueueRelease(NimbaraAudioQueueRef queue);
 
-/** The audio session of the current backend. */
+/** The audio session. Initialize, the category and activation have nothing to
+ * do on any output this library plays on and succeed; the preferred rate is
+ * passed to the current backend. */
 NIMBARA_API int32_t nimbaraAudioSessionInitialize(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetCategoryPlayback(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetActive(bool active);

@@ -1,5 +1,8 @@
-/* Audio backends: the table of operations behind the platform audio layer,
- * and the choice of the backend that new queues and session calls use. */
+/* Audio backends: the table of operations behind the platform audio layer, the
+ * registry of backends by scheme, and the backend that new queues and session
+ * calls use. A backend implements what its output can do; every operation it
+ * lacks answers NIMBARA_AUDIO_ERR_NOT_SUPPORTED, so that callers never need to
+ * know which backend they hold. */
 #ifndef NIMBARA_PLATFORM_BACKEND_H
 #define NIMBARA_PLATFORM_BACKEND_H
 
@@ -11,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace nimbara::platform {
 
@@ -31,30 +35,79 @@ class NIMBARA_API OutputStream {
   /** Plays one buffer of interleaved stereo frames on the queue's thread and
    * returns once the output has taken it: the backend's clock paces here.
    * Returns early once `stop` is set. Must not allocate or lock. A failure (a
-   * write error, a lost server) is returned, and the buffer still takes its
-   * time, so that the transmission keeps its timing; the queue keeps the
-   * first failure for the caller. */
+   * write error, a lost server, NIMBARA_AUDIO_ERR_RAN_DRY for an output that
+   * played silence because the stream came late) is returned, and the buffer
+   * still takes its time, so that the transmission keeps its timing; the
+   * queue keeps the first failure for the caller. */
   virtual std::int32_t play(const std::int16_t* samples, std::size_t frames,
                             const std::atomic<bool>& stop) = 0;
   /** Called once on the queue's thread after the last callback, outside the
-   * real-time path: flush, drain, close. Its failure counts like play's. */
+   * real-time path: flush, drain, close. Its failure counts like play's, a
+   * run-dry noticed while draining included. */
   virtual std::int32_t close();
 };
 
-/** An audio output and its session. Every call but OutputStream's runs on the
- * application's threads. */
+/** A capture stream: 16-bit stereo frames at the signal's rate, from a source
+ * of the backend (a sink's monitor, a microphone). */
+class NIMBARA_API CaptureStream {
+ public:
+  virtual ~CaptureStream() = default;
+  /** Fills `frames` interleaved stereo frames, waiting for them. */
+  virtual std::int32_t read(std::int16_t* samples, std::size_t frames) = 0;
+};
+
+/** One output of a backend (a sink of a sound server, a sound card's PCM). */
+struct OutputInfo {
+  std::string name;         ///< what the backend's scheme takes after "scheme:"
+  std::string description;  ///< for people
+  std::string port;         ///< the active port's description, empty without ports
+  std::string route;        ///< its route name, as the presence rule reads it
+  bool isDefault = false;   ///< the output the backend plays on when none is named
+  std::uint32_t rate = 0;   ///< the rate it runs at while the signal plays; 0: unknown
+  bool exact = false;       ///< the signal reaches it unresampled
+};
+
+/** The output's volume (percent of normal, the loudest channel) and mute state. */
+struct OutputLevel {
+  double volumePercent = 0;
+  bool muted = false;
+};
+
+/** The rate the output runs at while the signal plays on it. */
+struct PlaybackRate {
+  std::uint32_t rate = 0;
+  bool exact = false;  ///< rate is the signal's own: it reaches the output unresampled
+  /** How to let the output run at the signal's rate: one sentence and the
+   * configuration lines, ending in a newline; empty when exact or unknown. */
+  std::string howToAllow;
+};
+
+/** An audio output and the operations on it. Every call but OutputStream's
+ * runs on the application's threads; every status is 0 or a negative
+ * NIMBARA_AUDIO_ERR_... value. */
 class NIMBARA_API Backend {
  public:
   virtual ~Backend() = default;
+  /** The scheme the backend is registered under: "pulse", "virtual", "wav". */
   virtual const char* name() const = 0;
-  /** Opens a stream for the format, already checked to be 44100 Hz s16 stereo. */
+  /** Opens a stream for the format, already checked to be the signal's. */
   virtual std::int32_t openStream(const NimbaraStreamFormat& format,
                                   std::unique_ptr<OutputStream>* stream) = 0;
-  /** The current route's name. */
+  /** The route of the output this backend plays on, for the presence rule. */
   virtual std::int32_t routeName(std::string* name) = 0;
-  virtual std::int32_t initializeSession();
-  virtual std::int32_t setCategoryPlayback();
-  virtual std::int32_t setActive(bool active);
+  /** Every output this backend can play on, rates probed. */
+  virtual std::int32_t listOutputs(std::vector<OutputInfo>* outputs);
+  /** The level and mute state of the output this backend plays on. */
+  virtual std::int32_t outputLevel(OutputLevel* level);
+  /** The rate the output runs at while a stream of this backend plays on it
+   * (it may have to play to tell). */
+  virtual std::int32_t playbackRate(PlaybackRate* rate);
+  /** Opens a capture stream on `source` (empty: the backend's default, the
+   * monitor of its output where it has one). NIMBARA_AUDIO_ERR_NO_SUCH_NAME
+   * when there is no source of that name. */
+  virtual std::int32_t openCapture(const std::string& source,
+                                   std::unique_ptr<CaptureStream>* stream);
+  /** Asks the output to run at `rate` while this backend's streams play. */
   virtual std::int32_t setPreferredSampleRate(double rate);
   /** The thread pause on this backend's clock; real time by default. */
   virtual void sleep(double seconds);
@@ -63,17 +116,24 @@ class NIMBARA_API Backend {
 };
 
 /** The backend for new queues and session calls. Queues keep the backend they
- * were made on. The default is the sound server's backend when the library was
- * built with one, otherwise a virtual device. */
+ * were made on. The default is the first registered backend that can run here:
+ * the sound server's when the library was built with one, otherwise a virtual
+ * device. */
 NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
 
-/** A backend by name, as the tool's --device takes it: "pulse" (the default
- * sink), "pulse:SINK" (the sink named SINK), "virtual" (in memory, real time)
- * or "wav:PATH" (into a WAV file). `route` names the virtual or WAV output's
- * route (empty: its default). Throws std::invalid_argument for any other
- * name, or for "pulse" in a library built without a sound server. */
+/** A backend by name, "SCHEME" or "SCHEME:ARGUMENT", as the tool's --device
+ * takes it: "pulse" (the default sink), "pulse:SINK" (the sink named SINK),
+ * "virtual" (in memory, real time) or "wav:PATH" (into a WAV file). `route`
+ * names the virtual or WAV output's route (empty: its default). Throws
+ * std::invalid_argument for any other name, or for a backend this library was
+ * built without. */
 NIMBARA_API std::shared_ptr<Backend> makeBackend(const std::string& name,
                                                  const std::string& route = {});
+/** The names makeBackend takes, for messages: "pulse, pulse:SINK, virtual or
+ * wav:PATH". */
+NIMBARA_API std::string backendNames();
+/** The name of the backend used when none is chosen: "pulse" or "virtual". */
+NIMBARA_API std::string defaultBackendName();
 NIMBARA_API std::shared_ptr<Backend> currentBackend();
 /** The same, null when the default backend cannot be made (out of memory). */
 NIMBARA_API std::shared_ptr<Backend> currentBackendOrNull() noexcept;

@@ -1,10 +1,12 @@
 /* The virtual device: an audio output that plays into memory, on a clock of
  * its own, so that everything runs headless. It records what it is handed and
- * what it plays, and has a settable route. */
+ * what it plays, and has a settable route. It always runs at the signal's rate
+ * at full volume; playing in real time it can report that it ran dry. */
 #ifndef NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
 #define NIMBARA_PLATFORM_VIRTUAL_DEVICE_H
 
 #include <nimbara/platform/backend.h>
+#include <nimbara/signal/signal_format.h>
 
 #ifdef __cplusplus
 #include <array>
@@ -26,7 +28,10 @@ class NIMBARA_API VirtualDevice : public Backend {
     std::string route = "Virtual Headphones";
     /** Whether the samples are kept, and how many frames each stream may keep. */
     bool record = true;
-    std::size_t recordLimitFrames = 44100 * 10;
+    std::size_t recordLimitFrames = NIMBARA_SAMPLE_RATE * 10;
+    /** Whether a buffer that came after the device had run out of sound fails
+     * the stream with NIMBARA_AUDIO_ERR_RAN_DRY (it is counted either way). */
+    bool reportRunDry = false;
   };
 
   VirtualDevice();
@@ -36,9 +41,10 @@ class NIMBARA_API VirtualDevice : public Backend {
   std::int32_t openStream(const NimbaraStreamFormat& format,
                           std::unique_ptr<OutputStream>* stream) override;
   std::int32_t routeName(std::string* name) override;
-  std::int32_t initializeSession() override;
-  std::int32_t setCategoryPlayback() override;
-  std::int32_t setActive(bool active) override;
+  /** Its one output, "virtual", at the signal's rate. */
+  std::int32_t listOutputs(std::vector<OutputInfo>* outputs) override;
+  std::int32_t outputLevel(OutputLevel* level) override;
+  std::int32_t playbackRate(PlaybackRate* rate) override;
   std::int32_t setPreferredSampleRate(double rate) override;
   void sleep(double seconds) override;
   bool returnsBuffersAfterDispose() const override;
@@ -56,10 +62,8 @@ class NIMBARA_API VirtualDevice : public Backend {
    * of sound for more than 5 ms: gaps a real output would have played. */
   std::uint64_t underruns() const;
 
+  /** The rate requests it has seen. */
   struct Session {
-    int initializeCalls = 0;
-    int categoryCalls = 0;
-    bool active = false;
     int preferredRateCalls = 0;
     double preferredRate = 0;
   };

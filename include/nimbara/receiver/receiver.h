@@ -93,15 +93,17 @@ class NIMBARA_API Receiver {
   std::unique_ptr<State> state_;
 };
 
-/** Interleaved float samples of a WAV file (16-, 24- or 32-bit PCM, or 32-bit
- * float), with its rate and channel count. */
+/** Interleaved float samples of an audio file, with its rate and channel
+ * count. */
 struct WavAudio {
   double sampleRate = 0;
   int channels = 0;
   std::vector<float> samples;
 };
 
-/** Reads a WAV file; on failure returns false and says why in *error. */
+/** Reads a whole audio file, of any format libsndfile reads (WAV, FLAC, Ogg,
+ * AIFF...; readAudioFile in <nimbara/audio/audio_file.h> reads block by
+ * block); on failure returns false and says why in *error. */
 NIMBARA_API bool readWavFile(const std::string& path, WavAudio* audio, std::string* error);
 
 /** Every transmission in a whole recording. */

@@ -54,4 +54,20 @@ NIMBARA_API void incrementPlayFinishCount(PlaybackContext* context);
 
 NIMBARA_END_C
 
+#ifdef __cplusplus
+#include <cstddef>
+#include <cstdint>
+
+namespace nimbara {
+
+/** Plays ready interleaved stereo frames through the playback engine on the
+ * current backend, as one transmission: the same buffers and format as a
+ * frame, followed by silence to the end of the engine's last heard buffer.
+ * Blocks until the output has
+ * taken them: 0, or the status of the failing platform call. */
+NIMBARA_API std::int32_t playFrames(const std::int16_t* samples, std::size_t frames);
+
+}  // namespace nimbara
+#endif
+
 #endif

@@ -17,7 +17,7 @@
 #include <nimbara/export.h>
 
 #ifdef __cplusplus
-#include <nimbara/api/command.h>
+#include <nimbara/api/timeline.h>
 
 #include <cstdint>
 #include <stdexcept>
@@ -26,17 +26,15 @@
 
 namespace nimbara {
 
-/** One cue: when, where it is written, and its command. */
-struct TrackCue {
+/** One cue of a timeline (its start frame on the signal's clock, start x
+ * 44100 rounded, and its command), with when and where it is written. */
+struct TrackCue : Cue {
   /** Seconds from the start of the track. */
   double start = 0;
-  /** The cue's first frame on the signal's clock (start x 44100, rounded). */
-  std::uint64_t startFrame = 0;
   /** The file line of the cue's text. */
   int line = 0;
   /** The cue's text, as written (lines joined by "\n"). */
   std::string text;
-  Command command;
 };
 
 /** A track that cannot be read as written: the message is

@@ -1,7 +1,10 @@
-#include "audio_file.h"
+// Writing the signal as WAV through libsndfile: a whole file at once, or as
+// the sound comes.
+#include <nimbara/audio/audio_file.h>
+#include <nimbara/signal/signal_format.h>
 
+#include <sndfile.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -9,61 +12,18 @@
 #include <memory>
 #include <stdexcept>
 
-namespace tool {
+#include "audio/wav_writer.h"
+
+namespace nimbara {
 namespace {
 
-struct Closer {
-  void operator()(SNDFILE* file) const { sf_close(file); }
-};
-using File = std::unique_ptr<SNDFILE, Closer>;
-
-std::string shown(const std::string& path) {
-  return path == "-" ? "standard input" : path;
-}
-
-}  // namespace
-
-AudioInfo readAudio(const std::string& path, const RawFormat& raw,
-                    const std::function<void(const float*, std::size_t, const AudioInfo&)>& block) {
+SF_INFO signalFormat() {
   SF_INFO info{};
-  if (raw.raw) {
-    info.samplerate = raw.rate;
-    info.channels = raw.channels;
-    info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
-  }
-  File file(path == "-" ? sf_open_fd(STDIN_FILENO, SFM_READ, &info, SF_FALSE)
-                        : sf_open(path.c_str(), SFM_READ, &info));
-  if (!file) {
-    const std::string why = sf_strerror(nullptr);
-    if (path != "-" && access(path.c_str(), R_OK) != 0) {
-      throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
-    }
-    throw std::runtime_error(shown(path) + " is not an audio file libsndfile reads (" + why +
-                             "); for raw PCM use --raw --rate R --channels C");
-  }
-  if (info.channels <= 0 || info.samplerate < 8000 || info.samplerate > 192000) {
-    throw std::runtime_error(shown(path) + ": " + std::to_string(info.samplerate) + " Hz with " +
-                             std::to_string(info.channels) +
-                             " channels cannot be decoded (8000 to 192000 Hz)");
-  }
-  const AudioInfo result{info.samplerate, info.channels};
-  constexpr sf_count_t kFrames = 4096;
-  std::vector<float> samples(static_cast<std::size_t>(kFrames * info.channels));
-  sf_count_t total = 0;
-  for (;;) {
-    const sf_count_t n = sf_readf_float(file.get(), samples.data(), kFrames);
-    if (n <= 0) break;
-    total += n;
-    block(samples.data(), static_cast<std::size_t>(n), result);
-  }
-  if (sf_error(file.get()) != SF_ERR_NO_ERROR) {
-    throw std::runtime_error(shown(path) + ": " + sf_strerror(file.get()));
-  }
-  if (total == 0) throw std::runtime_error(shown(path) + " holds no samples");
-  return result;
+  info.samplerate = NIMBARA_SAMPLE_RATE;
+  info.channels = NIMBARA_CHANNELS;
+  info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+  return info;
 }
-
-namespace {
 
 // libsndfile writing into memory: a pipe cannot seek back to a WAV header, so
 // the whole file is made first and then written out in one go.
@@ -104,16 +64,14 @@ bool writeAll(std::FILE* out, const std::vector<unsigned char>& bytes) {
 
 }  // namespace
 
-void writeWav(const std::string& path, const std::vector<std::int16_t>& samples) {
+void writeAudioFile(const std::string& path, const std::vector<std::int16_t>& samples) {
   Memory memory;
   SF_VIRTUAL_IO io = memoryIo();
-  SF_INFO info{};
-  info.samplerate = 44100;
-  info.channels = 2;
-  info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+  SF_INFO info = signalFormat();
   {
-    File file(sf_open_virtual(&io, SFM_WRITE, &info, &memory));
-    const auto frames = static_cast<sf_count_t>(samples.size() / 2);
+    std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(
+        sf_open_virtual(&io, SFM_WRITE, &info, &memory), &sf_close);
+    const auto frames = static_cast<sf_count_t>(samples.size() / NIMBARA_CHANNELS);
     if (!file || sf_writef_short(file.get(), samples.data(), frames) != frames) {
       throw std::runtime_error("cannot make the WAV file: " + std::string(sf_strerror(file.get())));
     }
@@ -139,4 +97,29 @@ void writeWav(const std::string& path, const std::vector<std::int16_t>& samples)
   }
 }
 
-}  // namespace tool
+bool detail::WavWriter::open(const std::string& path) {
+  close();
+  SF_INFO info = signalFormat();
+  file_ = sf_open(path.c_str(), SFM_WRITE, &info);
+  if (file_ == nullptr) return false;
+  sf_command(file_, SFC_SET_UPDATE_HEADER_AUTO, nullptr, SF_TRUE);
+  return true;
+}
+
+bool detail::WavWriter::write(const std::int16_t* samples, std::size_t frames) {
+  const auto count = static_cast<sf_count_t>(frames);
+  return file_ != nullptr && sf_writef_short(file_, samples, count) == count;
+}
+
+bool detail::WavWriter::flush() {
+  if (file_ == nullptr) return false;
+  sf_write_sync(file_);
+  return sf_error(file_) == SF_ERR_NO_ERROR;
+}
+
+void detail::WavWriter::close() {
+  if (file_ != nullptr) sf_close(file_);
+  file_ = nullptr;
+}
+
+}  // namespace nimbara

@@ -1,0 +1,82 @@
+// Reading audio files through libsndfile, block by block.
+#include <nimbara/audio/audio_file.h>
+#include <nimbara/receiver/receiver.h>
+
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace nimbara {
+namespace {
+
+struct Closer {
+  void operator()(SNDFILE* file) const { sf_close(file); }
+};
+using File = std::unique_ptr<SNDFILE, Closer>;
+
+std::string shown(const std::string& path) {
+  return path == "-" ? "standard input" : path;
+}
+
+}  // namespace
+
+AudioFileFormat readAudioFile(const std::string& path, const AudioBlock& block, const RawPcm& raw) {
+  SF_INFO info{};
+  if (raw.raw) {
+    info.samplerate = raw.rate;
+    info.channels = raw.channels;
+    info.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+  }
+  File file(path == "-" ? sf_open_fd(STDIN_FILENO, SFM_READ, &info, SF_FALSE)
+                        : sf_open(path.c_str(), SFM_READ, &info));
+  if (!file) {
+    const std::string why = sf_strerror(nullptr);
+    if (path != "-" && access(path.c_str(), R_OK) != 0) {
+      throw std::runtime_error("cannot read " + path + ": " + std::strerror(errno));
+    }
+    throw std::runtime_error(shown(path) + " is not an audio file libsndfile reads (" + why + ")");
+  }
+  if (info.channels <= 0 || info.samplerate < 8000 || info.samplerate > 192000) {
+    throw std::runtime_error(shown(path) + ": " + std::to_string(info.samplerate) + " Hz with " +
+                             std::to_string(info.channels) +
+                             " channels cannot be decoded (8000 to 192000 Hz)");
+  }
+  const AudioFileFormat format{info.samplerate, info.channels};
+  constexpr sf_count_t kFrames = 4096;
+  std::vector<float> samples(static_cast<std::size_t>(kFrames * info.channels));
+  sf_count_t total = 0;
+  for (;;) {
+    const sf_count_t n = sf_readf_float(file.get(), samples.data(), kFrames);
+    if (n <= 0) break;
+    total += n;
+    block(samples.data(), static_cast<std::size_t>(n), format);
+  }
+  if (sf_error(file.get()) != SF_ERR_NO_ERROR) {
+    throw std::runtime_error(shown(path) + ": " + sf_strerror(file.get()));
+  }
+  if (total == 0) throw std::runtime_error(shown(path) + " holds no samples");
+  return format;
+}
+
+}  // namespace nimbara
+
+bool nimbara::readWavFile(const std::string& path, WavAudio* audio, std::string* error) {
+  try {
+    WavAudio read;
+    const AudioFileFormat format = readAudioFile(
+        path, [&](const float* samples, std::size_t frames, const AudioFileFormat& f) {
+          read.samples.insert(read.samples.end(), samples, samples + frames * f.channels);
+        });
+    read.sampleRate = format.rate;
+    read.channels = format.channels;
+    *audio = std::move(read);
+    return true;
+  } catch (const std::exception& e) {
+    if (error != nullptr) *error = e.what();
+    return false;
+  }
+}

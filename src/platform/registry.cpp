@@ -1,0 +1,82 @@
+// The backends by scheme, and the backend new queues and session calls use.
+// Adding a backend is one file with its factory and one line of the table.
+#include <nimbara/platform/backend.h>
+
+#include <array>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "platform/backend_registry.h"
+
+namespace nimbara::platform {
+namespace {
+
+using detail::BackendEntry;
+
+constexpr std::array kBackends = {
+#ifdef NIMBARA_HAVE_PULSE
+    BackendEntry{"pulse", &detail::makePulseBackend, "pulse, pulse:SINK", true},
+#endif
+    BackendEntry{"virtual", &detail::makeVirtualBackend, "virtual", true},
+    BackendEntry{"wav", &detail::makeWavBackend, "wav:PATH", false},
+};
+
+std::mutex backendMutex;
+std::shared_ptr<Backend> selected;
+
+const BackendEntry& defaultEntry() {
+  for (const BackendEntry& entry : kBackends) {
+    if (entry.canBeDefault) return entry;
+  }
+  return kBackends.front();
+}
+
+}  // namespace
+
+std::string defaultBackendName() {
+  return defaultEntry().scheme;
+}
+
+std::string backendNames() {
+  std::string names;
+  for (std::size_t i = 0; i < kBackends.size(); ++i) {
+    if (i > 0) names += i + 1 == kBackends.size() ? " or " : ", ";
+    names += kBackends[i].usage;
+  }
+  return names;
+}
+
+std::shared_ptr<Backend> makeBackend(const std::string& name, const std::string& route) {
+  const std::size_t colon = name.find(':');
+  const std::string scheme = name.substr(0, colon);
+  for (const BackendEntry& entry : kBackends) {
+    if (scheme != entry.scheme) continue;
+    detail::BackendArgs args{colon == std::string::npos ? "" : name.substr(colon + 1), route};
+    // "scheme:" names nothing.
+    if (colon != std::string::npos && args.argument.empty()) break;
+    return entry.make(args);
+  }
+  throw std::invalid_argument("unknown audio output \"" + name + "\" (use " + backendNames() + ")");
+}
+
+void setBackend(std::shared_ptr<Backend> backend) {
+  std::lock_guard lock(backendMutex);
+  selected = std::move(backend);
+}
+
+std::shared_ptr<Backend> currentBackend() {
+  std::lock_guard lock(backendMutex);
+  if (!selected) selected = defaultEntry().make({});
+  return selected;
+}
+
+std::shared_ptr<Backend> currentBackendOrNull() noexcept {
+  try {
+    return currentBackend();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // namespace nimbara::platform

@@ -1,0 +1,146 @@
+// The platform interface as a front end sees it: backends by name, the
+// operations a backend lacks, the outputs of the simulated backends, and a
+// run-dry reported through the playback engine.
+#include <nimbara/device/route.h>
+#include <nimbara/frame/commands.h>
+#include <nimbara/platform/backend.h>
+#include <nimbara/platform/virtual_device.h>
+#include <nimbara/signal/playback.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using nimbara::platform::Backend;
+using nimbara::platform::OutputStream;
+using nimbara::platform::VirtualDevice;
+
+TEST(Backends, AreMadeByNameAndAnUnknownNameSaysWhichExist) {
+  EXPECT_STREQ(nimbara::platform::makeBackend("virtual")->name(), "virtual");
+  EXPECT_STREQ(nimbara::platform::makeBackend("wav:/tmp/x.wav")->name(), "wav");
+  const std::string names = nimbara::platform::backendNames();
+  EXPECT_THAT(names, ::testing::HasSubstr("virtual"));
+  EXPECT_THAT(names, ::testing::HasSubstr("wav:PATH"));
+  for (const char* bad : {"speakers", "wav:", "wav", "virtual:x", "", ":virtual"}) {
+    EXPECT_THROW(nimbara::platform::makeBackend(bad), std::invalid_argument) << bad;
+  }
+  try {
+    nimbara::platform::makeBackend("speakers");
+  } catch (const std::invalid_argument& e) {
+    EXPECT_THAT(e.what(), ::testing::HasSubstr(names));
+  }
+  EXPECT_EQ(nimbaraAudioUseBackend("speakers"), NIMBARA_AUDIO_ERR_INVALID);
+  const std::string fallback = nimbara::platform::defaultBackendName();
+  EXPECT_NO_THROW(nimbara::platform::makeBackend(fallback));
+  // The route a caller gives a simulated output is its route.
+  std::string route;
+  ASSERT_EQ(nimbara::platform::makeBackend("virtual", "Speaker")->routeName(&route), 0);
+  EXPECT_EQ(route, "Speaker");
+}
+
+// A backend with only the two operations every backend must have.
+class BareBackend : public Backend {
+ public:
+  const char* name() const override { return "bare"; }
+  std::int32_t openStream(const NimbaraStreamFormat&, std::unique_ptr<OutputStream>*) override {
+    return NIMBARA_AUDIO_ERR_IO;
+  }
+  std::int32_t routeName(std::string* name) override {
+    *name = "Bare Headphones";
+    return 0;
+  }
+};
+
+TEST(Backends, AnOperationABackendLacksIsNotSupported) {
+  BareBackend bare;
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  nimbara::platform::OutputLevel level;
+  nimbara::platform::PlaybackRate rate;
+  std::unique_ptr<nimbara::platform::CaptureStream> capture;
+  EXPECT_EQ(bare.listOutputs(&outputs), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(bare.outputLevel(&level), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(bare.playbackRate(&rate), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(bare.openCapture("", &capture), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(capture, nullptr);
+  EXPECT_STREQ(nimbaraAudioStatusText(NIMBARA_AUDIO_ERR_NOT_SUPPORTED), "not supported");
+  EXPECT_STREQ(nimbaraAudioStatusText(NIMBARA_AUDIO_ERR_RAN_DRY),
+               "the output ran dry while the command played");
+}
+
+TEST(Backends, TheSimulatedOutputsListThemselvesAtTheSignalsRate) {
+  for (const char* name : {"virtual", "wav:/nonexistent/x.wav"}) {
+    auto backend = nimbara::platform::makeBackend(name, "Test Headphones");
+    std::vector<nimbara::platform::OutputInfo> outputs;
+    ASSERT_EQ(backend->listOutputs(&outputs), 0) << name;
+    ASSERT_EQ(outputs.size(), 1u);
+    EXPECT_EQ(outputs[0].route, "Test Headphones");
+    EXPECT_TRUE(nimbara::routeNamesHeadset(outputs[0].route));
+    EXPECT_TRUE(outputs[0].isDefault);
+    EXPECT_EQ(outputs[0].rate, NIMBARA_SAMPLE_RATE);
+    EXPECT_TRUE(outputs[0].exact);
+    nimbara::platform::PlaybackRate rate;
+    ASSERT_EQ(backend->playbackRate(&rate), 0);
+    EXPECT_TRUE(rate.exact);
+    EXPECT_EQ(rate.howToAllow, "");
+    nimbara::platform::OutputLevel level;
+    ASSERT_EQ(backend->outputLevel(&level), 0);
+    EXPECT_EQ(level.volumePercent, 100.0);
+  }
+  EXPECT_FALSE(nimbara::routeNamesHeadset("usb-headphones"));
+  EXPECT_TRUE(nimbara::routeNamesHeadset("Built-in: HeadsetInOut"));
+}
+
+// A real-time virtual device whose stream comes late once: the third buffer
+// reaches the output 60 ms after the output has finished the second.
+class LateBackend : public Backend {
+ public:
+  explicit LateBackend(std::shared_ptr<VirtualDevice> device) : device_(std::move(device)) {}
+  const char* name() const override { return "late"; }
+  std::int32_t routeName(std::string* name) override { return device_->routeName(name); }
+  std::int32_t openStream(const NimbaraStreamFormat& format,
+                          std::unique_ptr<OutputStream>* stream) override {
+    std::unique_ptr<OutputStream> inner;
+    if (const std::int32_t status = device_->openStream(format, &inner)) return status;
+    *stream = std::make_unique<Stream>(std::move(inner));
+    return 0;
+  }
+
+ private:
+  class Stream : public OutputStream {
+   public:
+    explicit Stream(std::unique_ptr<OutputStream> inner) : inner_(std::move(inner)) {}
+    std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                      const std::atomic<bool>& stop) override {
+      if (++plays_ == 3) std::this_thread::sleep_for(std::chrono::milliseconds(60));
+      return inner_->play(samples, frames, stop);
+    }
+    std::int32_t close() override { return inner_->close(); }
+
+   private:
+    std::unique_ptr<OutputStream> inner_;
+    int plays_ = 0;
+  };
+  std::shared_ptr<VirtualDevice> device_;
+};
+
+TEST(Backends, AnOutputThatRanDryFailsTheTransmissionWhenItSaysSo) {
+  for (const bool report : {false, true}) {
+    VirtualDevice::Options options;
+    options.reportRunDry = report;
+    auto device = std::make_shared<VirtualDevice>(options);
+    nimbara::platform::setBackend(std::make_shared<LateBackend>(device));
+    const std::int32_t status =
+        executeFunction(createLightLedProtocol(1, 2, 3, 4, 5), 1, 17640, nullptr);
+    nimbara::platform::waitUntilIdle();
+    nimbara::platform::setBackend(nullptr);
+    EXPECT_GE(device->underruns(), 1u);
+    EXPECT_EQ(status, report ? NIMBARA_AUDIO_ERR_RAN_DRY : 0) << "reportRunDry " << report;
+  }
+}
+
+}  // namespace
