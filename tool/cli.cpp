@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "report.h"
+#include "serve/serve.h"
 #include "words.h"
 
 #ifndef NIMBARA_VERSION
@@ -23,7 +24,7 @@ namespace {
 
 const std::vector<std::string> kSubcommands = {"status", "outputs", "flash", "puff",   "spray",
                                                "state",  "tank",    "echo",  "render", "decode",
-                                               "listen", "play",    "help"};
+                                               "listen", "play",    "serve", "help"};
 
 // One line on stderr, or one JSON object there under --json; the exit status.
 int fail(bool json, const std::string& message, int code) {
@@ -46,6 +47,7 @@ void addCommandOptions(CLI::App* command, CommandWords& words, bool led) {
 }  // namespace
 
 int runTool(int argc, const char* const* argv, bool execute) {
+  if (argc > 1 && std::string(argv[1]) == "serve") return runServe(argc - 1, argv + 1, execute);
   CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound", "nimbara"};
   app.require_subcommand(1, 1);
   app.fallthrough();
@@ -147,6 +149,10 @@ int runTool(int argc, const char* const* argv, bool execute) {
   auto* playCommand = app.add_subcommand(
       "play", "play a cue file: one \"SECONDS VERB ARGS...\" a line, each at its time");
   playCommand->add_option("CUES", cues, "the cue file")->required();
+
+  app.add_subcommand("serve",
+                     "the accessories in Home Assistant and on plain MQTT topics: "
+                     "serve [--mqtt URL] [--device OUTPUT]... (see serve --help)");
 
   std::string helpTopic;
   auto* helpCommand = app.add_subcommand("help", "describe the tool, or one command");
