@@ -92,7 +92,7 @@ CommandMessage commandFromMessage(const std::string& payload) {
   CommandMessage message;
   const auto first = payload.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) throw UsageError("the message is empty");
-  if (payload[first] != '{') {
+  if (payload[first] != '{' && payload[first] != '[') {
     std::istringstream stream(payload);
     std::vector<std::string> words;
     for (std::string word; stream >> word;) words.push_back(word);
