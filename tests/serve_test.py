@@ -96,7 +96,8 @@ class Watch:
         args = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(broker.port), "-v", "-q", "1"]
         for topic in topics + (self.sync,):
             args += ["-t", topic]
-        self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, text=True, bufsize=1)
+        self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, bufsize=1, encoding="utf-8",
+                                     errors="replace")
         self.messages = []
         self.changed = threading.Condition()
         threading.Thread(target=self._read, daemon=True).start()
@@ -273,6 +274,8 @@ def test_discovery_and_commands():
            ("command", "[1, 2]", "not a JSON object"),
            ("command", "{\"command\": \"spray\", \"red\": 1}", "no field \"red\""),
            ("command", "{\"command\": \"state\", \"at\": \"soon\"}", "Unix milliseconds"),
+           ("command", "{\"command\": \"state\", \"at\": 99999999999999}", "more than a day"),
+           ("command", b"flsh\xff red", "unknown command \"flsh\ufffd\""),
            ("length/set", "5000", "100 to 1000"),
            ("light/set", "{\"state\": \"ON\", \"color\": {\"r\": 300}}", "color.r"),
            ("light/set", "{\"state\": \"ON\", \"flash\": 60}", "32.767")]
@@ -376,10 +379,16 @@ def test_order_queue_and_absence():
 
 
 def test_broker_loss_and_kill():
-    """The broker restarted under the service; SIGKILL leaves the last will."""
-    broker = Broker()
-    service = Service(broker, "hall", "--device", "virtual")
-    check(wait_online(broker, "hall"), "online")
+    """A broker that comes late, the broker restarted under the service;
+    SIGKILL leaves the last will."""
+    port = free_port()
+    service = Service(None, "hall", "--device", "virtual", port=port)
+    deadline = time.monotonic() + 10
+    while "cannot reach the broker" not in service.logged() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    check("trying again" in service.logged(), "no broker yet: said, and tried again")
+    broker = Broker(port)
+    check(wait_online(broker, "hall"), "online once the broker is up")
     broker.stop()
     broker.start()  # the same port, no retained messages left
     check(wait_online(broker, "hall", timeout=60), "online again after the broker came back")
@@ -439,6 +448,37 @@ def test_settings():
     wrong.terminate()
     wrong.wait()
     broker.stop()
+
+    # mqtts with a CA file: a certificate of its own for 127.0.0.1.
+    key, cert = os.path.join(WORK, "broker.key"), os.path.join(WORK, "broker.crt")
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key,
+                    "-out", cert, "-days", "1", "-subj", "/CN=127.0.0.1", "-addext",
+                    "subjectAltName=IP:127.0.0.1"], check=True, capture_output=True)
+    tls = Broker(extra=f"allow_anonymous true\ncertfile {cert}\nkeyfile {key}")
+    secure = subprocess.Popen([TOOL, "serve", "--mqtt", f"mqtts://127.0.0.1:{tls.port}",
+                               "--ca-file", cert, "--name", "secure", "--device", "virtual"],
+                              stderr=subprocess.DEVNULL)
+    online = subprocess.run(["mosquitto_sub", "-h", "127.0.0.1", "-p", str(tls.port), "--cafile",
+                             cert, "-C", "1", "-W", "20", "-t", "nimbara/secure/availability"],
+                            capture_output=True, text=True)
+    check(online.stdout.strip() == "online", "mqtts with --ca-file", online.stderr)
+    secure.terminate()
+    check(secure.wait() == 0, "mqtts: a clean stop")
+    untrusted = subprocess.Popen([TOOL, "serve", "--mqtt", f"mqtts://127.0.0.1:{tls.port}",
+                                  "--name", "untrusted", "--device", "virtual"],
+                                 stderr=subprocess.PIPE, text=True)
+    log = ""
+    deadline = time.monotonic() + 20
+    while "TLS error" not in log and select.select(
+            [untrusted.stderr], [], [], max(0, deadline - time.monotonic()))[0]:
+        line = untrusted.stderr.readline()
+        if not line:
+            break
+        log += line
+    check("TLS error" in log, "mqtts: a certificate not trusted is logged", log)
+    untrusted.terminate()
+    untrusted.wait()
+    tls.stop()
 
     for args, message in [(["--mqtt", "http://x"], "mqtt://"),
                           (["--mqtt", "mqtt://:pw@host"], "no user"),

@@ -66,14 +66,23 @@ void AccessoryWorker::run() {
     } catch (const std::exception& e) {
       outcome = {1, e.what()};
     }
-    finished_(job, outcome);
+    report(job, outcome);
     lock.lock();
   }
   std::deque<Job> left;
   left.swap(jobs_);
   lock.unlock();
-  for (const Job& job : left)
-    finished_(job, {1, "the service is stopping; the command did not play"});
+  for (const Job& job : left) {
+    report(job, {1, "the service is stopping; the command did not play"});
+  }
+}
+
+void AccessoryWorker::report(const Job& job, const Outcome& outcome) noexcept {
+  try {
+    finished_(job, outcome);
+  } catch (const std::exception& e) {
+    serviceLog(std::string("a result was lost: ") + e.what());
+  }
 }
 
 Outcome AccessoryWorker::play(const Job& job) {

@@ -55,6 +55,7 @@ class AccessoryWorker {
  private:
   void run();
   Outcome play(const Job& job);
+  void report(const Job& job, const Outcome& outcome) noexcept;
 
   const std::shared_ptr<nimbara::platform::Backend> backend_;
   const std::size_t capacity_;

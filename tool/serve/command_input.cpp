@@ -2,6 +2,7 @@
 // reading of its command line, a field map through the fields the tool prints.
 #include "command_input.h"
 
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <sstream>
@@ -85,10 +86,6 @@ nimbara::Command fromFields(Json fields) {
 }  // namespace
 
 CommandMessage commandFromMessage(const std::string& payload) {
-  if (payload.size() > kMaxPayload) {
-    throw UsageError("the message has " + std::to_string(payload.size()) +
-                     " bytes; a command takes at most " + std::to_string(kMaxPayload));
-  }
   CommandMessage message;
   const auto first = payload.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) throw UsageError("the message is empty");
@@ -111,6 +108,11 @@ CommandMessage commandFromMessage(const std::string& payload) {
       throw UsageError("at must be a time in Unix milliseconds");
     }
     message.at = at->get<std::int64_t>();
+    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now().time_since_epoch());
+    if (*message.at > now.count() + kLongestWait.count()) {
+      throw UsageError("at is more than a day away");
+    }
     fields.erase("at");
   }
   if (const auto id = fields.find("id"); id != fields.end()) {
@@ -123,6 +125,11 @@ CommandMessage commandFromMessage(const std::string& payload) {
 
 Json commandFields(const nimbara::Command& command) {
   return commandJson(command);
+}
+
+std::string text(const Json& json) {
+  // Words quoted back from a payload need not be UTF-8.
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 void serviceLog(const std::string& line) {

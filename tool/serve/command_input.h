@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@ using Json = nlohmann::ordered_json;
 
 // The largest payload taken on a command topic.
 constexpr std::size_t kMaxPayload = 4096;
+// The furthest ahead a start time may be.
+constexpr std::chrono::milliseconds kLongestWait = std::chrono::hours(24);
 
 struct CommandMessage {
   nimbara::Command command;
@@ -31,6 +34,9 @@ CommandMessage commandFromMessage(const std::string& payload);
 
 // A command's fields, as the tool prints them with --json.
 Json commandFields(const nimbara::Command& command);
+
+// JSON as one line of text; bytes that are not UTF-8 become U+FFFD.
+std::string text(const Json& json);
 
 // One log line of the service on stderr.
 void serviceLog(const std::string& line);

@@ -4,10 +4,13 @@
 
 #include <nimbara/nimbara.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 
 #include "../commands.h"
 
@@ -19,10 +22,23 @@ namespace tool::serve {
 namespace {
 
 constexpr int kKeepAliveSeconds = 30;
+constexpr int kLongestReconnectDelay = 30;  // seconds
 constexpr auto kPresenceInterval = std::chrono::seconds(1);
 
 Service& self(void* user) {
   return *static_cast<Service*>(user);
+}
+
+// No exception leaves a callback of the client library.
+template <typename Call>
+void guarded(Call call) noexcept {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    serviceLog(std::string("a message was dropped: ") + e.what());
+  } catch (...) {
+    serviceLog("a message was dropped");
+  }
 }
 
 // Home Assistant's flash and transition, in seconds, as the LED's time.
@@ -99,7 +115,7 @@ bool Service::setUpClient() {
   const std::string offline = "offline";
   mosquitto_will_set(client_, topics_.availability().c_str(), static_cast<int>(offline.size()),
                      offline.data(), 1, true);
-  mosquitto_reconnect_delay_set(client_, 1, 30, true);
+  mosquitto_reconnect_delay_set(client_, 1, kLongestReconnectDelay, true);
   mosquitto_connect_callback_set(client_,
                                  [](mosquitto*, void* user, int rc) { self(user).onConnect(rc); });
   mosquitto_disconnect_callback_set(
@@ -122,27 +138,21 @@ int Service::run(const sigset_t& signals) {
     serviceLog("output " + accessory->output.device + " on nimbara/" + topics_.id + "/" + name +
                "/command" + (accessory->presence.present ? "" : " (no headphones on its route)"));
   }
-  const int rc =
-      mosquitto_connect_async(client_, broker_.host.c_str(), broker_.port, kKeepAliveSeconds);
-  if (rc != MOSQ_ERR_SUCCESS) {
-    serviceLog("cannot reach the broker at " + broker_.host + ":" + std::to_string(broker_.port) +
-               " (" +
-               (rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno))
-                                     : std::string(mosquitto_strerror(rc))) +
-               "); trying again");
-  }
-  if (mosquitto_loop_start(client_) != MOSQ_ERR_SUCCESS) {
-    serviceLog("cannot start the MQTT client's thread");
-    return EXIT_FAILURE;
-  }
   watcher_ = std::thread([this] { watchPresence(); });
-
-  int signal = 0;
-  sigwait(&signals, &signal);
+  int signal = firstConnection(signals);
+  const bool connected = signal == 0;
+  if (connected) {
+    if (mosquitto_loop_start(client_) != MOSQ_ERR_SUCCESS) {
+      serviceLog("cannot start the MQTT client's thread");
+      return EXIT_FAILURE;
+    }
+    sigwait(&signals, &signal);
+  }
   serviceLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
 
   stopWatching();
   for (auto& [name, accessory] : accessories_) accessory->worker->stop();
+  if (!connected) return EXIT_SUCCESS;
   int mid = -1;
   {
     std::unique_lock lock(publishMutex_);
@@ -153,6 +163,23 @@ int Service::run(const sigset_t& signals) {
   mosquitto_disconnect(client_);
   mosquitto_loop_stop(client_, false);
   return EXIT_SUCCESS;
+}
+
+int Service::firstConnection(const sigset_t& signals) {
+  // The client library's loop reconnects only a client that has connected
+  // once: until then the service tries again itself, as the loop would.
+  for (int delay = 1;; delay = std::min(2 * delay, kLongestReconnectDelay)) {
+    const int rc =
+        mosquitto_connect_async(client_, broker_.host.c_str(), broker_.port, kKeepAliveSeconds);
+    if (rc == MOSQ_ERR_SUCCESS) return 0;
+    serviceLog("cannot reach the broker at " + broker_.host + ":" + std::to_string(broker_.port) +
+               " (" +
+               (rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno))
+                                     : std::string(mosquitto_strerror(rc))) +
+               "); trying again in " + std::to_string(delay) + " s");
+    const timespec wait{delay, 0};
+    if (const int signal = sigtimedwait(&signals, nullptr, &wait); signal > 0) return signal;
+  }
 }
 
 void Service::onConnect(int rc) {
@@ -210,12 +237,12 @@ void Service::publishState(Accessory& accessory) {
                  {"last", accessory.last}};
     length = accessory.lengthMs;
   }
-  publish(topics_.output(accessory.output.name, "state"), state.dump(), true);
+  publish(topics_.output(accessory.output.name, "state"), text(state), true);
   publish(topics_.output(accessory.output.name, "length"), std::to_string(length), true);
 }
 
 void Service::publishResult(const std::string& output, const Json& result) {
-  publish(topics_.output(output, "result"), result.dump(), false);
+  publish(topics_.output(output, "result"), text(result), false);
 }
 
 void Service::onMessage(const mosquitto_message& message) {

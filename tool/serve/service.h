@@ -2,6 +2,8 @@
 // and Home Assistant's discovery. Runs until SIGTERM or SIGINT.
 #pragma once
 
+#include <csignal>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -46,6 +48,8 @@ class Service {
   };
 
   bool setUpClient();
+  // 0 once connected, or the stop signal that came first.
+  int firstConnection(const sigset_t& signals);
   void onConnect(int rc);
   void onDisconnect(int rc);
   void onMessage(const mosquitto_message& message);

@@ -69,12 +69,12 @@ std::vector<RetainedMessage> discoveryMessages(const Topics& topics, const std::
   route["value_template"] = "{{ value_json.route }}";
   route["icon"] = "mdi:headphones";
 
-  return {{config("light", "led"), light.dump()},
-          {config("button", "puff"), puff.dump()},
-          {config("button", "spray"), spray.dump()},
-          {config("number", "length"), length.dump()},
-          {config("binary_sensor", "presence"), presence.dump()},
-          {config("sensor", "route"), route.dump()}};
+  return {{config("light", "led"), text(light)},
+          {config("button", "puff"), text(puff)},
+          {config("button", "spray"), text(spray)},
+          {config("number", "length"), text(length)},
+          {config("binary_sensor", "presence"), text(presence)},
+          {config("sensor", "route"), text(route)}};
 }
 
 }  // namespace tool::serve
