@@ -558,6 +558,17 @@ def test_sound_server():
               str(result))
         subprocess.run(["pactl", "set-default-sink", "headphones"], check=True)
         service.stop()
+
+        # Without --device: the sinks where headphones are.
+        chosen = Watch(broker, "nimbara/auto/+/state")
+        auto = Service(broker, "auto")
+        check(wait_online(broker, "auto"), "online with the outputs it chose")
+        check(chosen.wait(lambda m: any(t == "nimbara/auto/headphones/state" for t, _, _ in m)),
+              "the sink with headphones is served")
+        check(all(t in ("nimbara/auto/headphones/state", chosen.sync) for t, _, _ in chosen.messages),
+              "the speaker is not", str(chosen.messages))
+        auto.stop()
+        chosen.close()
         watch.close()
         broker.stop()
     finally:
