@@ -75,6 +75,7 @@ int colourPart(const Json& colour, const char* name) {
 
 Service::Service(const Settings& settings, BrokerAddress broker, std::vector<ServedOutput> outputs)
     : settings_(settings), broker_(std::move(broker)) {
+  mosquitto_lib_init();
   topics_.id = topicLevel(settings.name);
   topics_.discoveryPrefix = settings.discoveryPrefix;
   for (auto& output : outputs) {
@@ -93,6 +94,7 @@ Service::~Service() {
   stopWatching();
   for (auto& [name, accessory] : accessories_) accessory->worker->stop();
   if (client_ != nullptr) mosquitto_destroy(client_);
+  mosquitto_lib_cleanup();
 }
 
 bool Service::setUpClient() {
