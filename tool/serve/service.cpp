@@ -226,20 +226,29 @@ void Service::announce() {
     }
   }
   publish(topics_.availability(), "online", true);
-  for (auto& [name, accessory] : accessories_) publishState(*accessory);
+  for (auto& [name, accessory] : accessories_) {
+    publishState(*accessory);
+    publishLength(*accessory);
+  }
 }
 
 void Service::publishState(Accessory& accessory) {
   Json state;
-  int length = 0;
   {
     std::lock_guard lock(accessory.mutex);
     state = Json{{"present", accessory.presence.present},
                  {"route", accessory.presence.route},
                  {"last", accessory.last}};
-    length = accessory.lengthMs;
   }
   publish(topics_.output(accessory.output.name, "state"), text(state), true);
+}
+
+void Service::publishLength(Accessory& accessory) {
+  int length = 0;
+  {
+    std::lock_guard lock(accessory.mutex);
+    length = accessory.lengthMs;
+  }
   publish(topics_.output(accessory.output.name, "length"), std::to_string(length), true);
 }
 
@@ -306,7 +315,7 @@ void Service::take(Accessory& accessory, const std::string& leaf, const std::str
       std::lock_guard lock(accessory.mutex);
       accessory.lengthMs = static_cast<int>(std::lround(value));
     }
-    publishState(accessory);
+    publishLength(accessory);
   } else if (leaf == "puff/press") {
     queue(accessory,
           Job{nimbara::makeCommand("puff", {red, green, blue, 0, length}), {}, {}, false});

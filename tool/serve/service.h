@@ -58,6 +58,7 @@ class Service {
   void publish(const std::string& topic, const std::string& payload, bool retain,
                int* mid = nullptr);
   void publishState(Accessory& accessory);
+  void publishLength(Accessory& accessory);
   void publishResult(const std::string& output, const Json& result);
   void take(Accessory& accessory, const std::string& leaf, const std::string& payload);
   void queue(Accessory& accessory, Job job);
