@@ -23,6 +23,9 @@ namespace {
 
 constexpr int kKeepAliveSeconds = 30;
 constexpr int kLongestReconnectDelay = 30;  // seconds
+constexpr auto kFirstAnswer = std::chrono::seconds(10);
+constexpr auto kSlice = std::chrono::milliseconds(100);
+constexpr auto kNoTime = std::chrono::milliseconds(0);
 constexpr auto kPresenceInterval = std::chrono::seconds(1);
 
 Service& self(void* user) {
@@ -142,19 +145,15 @@ int Service::run(const sigset_t& signals) {
   }
   watcher_ = std::thread([this] { watchPresence(); });
   int signal = firstConnection(signals);
-  const bool connected = signal == 0;
-  if (connected) {
-    if (mosquitto_loop_start(client_) != MOSQ_ERR_SUCCESS) {
-      serviceLog("cannot start the MQTT client's thread");
-      return EXIT_FAILURE;
-    }
-    sigwait(&signals, &signal);
-  }
+  if (signal == 0) sigwait(&signals, &signal);
   serviceLog(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
 
   stopWatching();
   for (auto& [name, accessory] : accessories_) accessory->worker->stop();
-  if (!connected) return EXIT_SUCCESS;
+  if (!everConnected_) {
+    if (loopRunning_) mosquitto_loop_stop(client_, true);
+    return EXIT_SUCCESS;
+  }
   int mid = -1;
   {
     std::unique_lock lock(publishMutex_);
@@ -169,16 +168,30 @@ int Service::run(const sigset_t& signals) {
 
 int Service::firstConnection(const sigset_t& signals) {
   // The client library's loop reconnects only a client that has connected
-  // once: until then the service tries again itself, as the loop would.
+  // once: until then the service tries again itself, as the loop would, and
+  // gives each attempt a while to be answered.
   for (int delay = 1;; delay = std::min(2 * delay, kLongestReconnectDelay)) {
+    std::string failure;
     const int rc =
         mosquitto_connect_async(client_, broker_.host.c_str(), broker_.port, kKeepAliveSeconds);
-    if (rc == MOSQ_ERR_SUCCESS) return 0;
+    if (rc != MOSQ_ERR_SUCCESS) {
+      failure = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
+    } else if (mosquitto_loop_start(client_) != MOSQ_ERR_SUCCESS) {
+      failure = "the client's thread did not start";
+    } else {
+      loopRunning_ = true;
+      for (auto waited = kNoTime; waited < kFirstAnswer; waited += kSlice) {
+        if (everConnected_) return 0;
+        const timespec slice{0, std::chrono::nanoseconds(kSlice).count()};
+        if (const int signal = sigtimedwait(&signals, nullptr, &slice); signal > 0) return signal;
+      }
+      if (everConnected_) return 0;
+      mosquitto_loop_stop(client_, true);
+      loopRunning_ = false;
+      failure = "no answer, or a refusal";
+    }
     serviceLog("cannot reach the broker at " + broker_.host + ":" + std::to_string(broker_.port) +
-               " (" +
-               (rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno))
-                                     : std::string(mosquitto_strerror(rc))) +
-               "); trying again in " + std::to_string(delay) + " s");
+               " (" + failure + "); trying again in " + std::to_string(delay) + " s");
     const timespec wait{delay, 0};
     if (const int signal = sigtimedwait(&signals, nullptr, &wait); signal > 0) return signal;
   }
@@ -189,6 +202,7 @@ void Service::onConnect(int rc) {
     serviceLog(std::string("the broker refused the connection: ") + mosquitto_connack_string(rc));
     return;
   }
+  everConnected_ = true;
   serviceLog("connected to " + broker_.host + ":" + std::to_string(broker_.port) + " as nimbara/" +
              topics_.id);
   for (const auto& leaf : inputLeaves()) {

@@ -71,6 +71,8 @@ class Service {
   Topics topics_;
   std::map<std::string, std::unique_ptr<Accessory>> accessories_;
   mosquitto* client_ = nullptr;
+  bool loopRunning_ = false;
+  std::atomic<bool> everConnected_{false};
 
   std::mutex watchMutex_;
   std::condition_variable watchWake_;
