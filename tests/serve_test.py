@@ -451,6 +451,13 @@ def test_settings():
     service.send_signal(signal.SIGINT)
     _, log = service.communicate(timeout=30)
     check(service.returncode == 0 and "stopping on SIGINT" in log, "SIGINT: a clean stop", log)
+    os.chmod(config, 0o644)
+    with open(config, "a") as f:
+        f.write("password = s3cret\n")
+    run = subprocess.run([TOOL, "serve", "--config", config, "--device", "nowhere"],
+                         capture_output=True, text=True)
+    check("others may read it (chmod 600)" in run.stderr, "a password others may read: a warning",
+          run.stderr)
 
     wrong = subprocess.Popen([TOOL, "serve", "--config", config],
                              env={**os.environ, "NIMBARA_MQTT_PASSWORD": "wrong"},
@@ -514,7 +521,7 @@ def test_settings():
     with open(config, "a") as f:
         f.write("colour = red\n")
     run = subprocess.run([TOOL, "serve", "--config", config], capture_output=True, text=True)
-    check(run.returncode == 2 and "serve.conf:6: unknown key \"colour\"" in run.stderr,
+    check(run.returncode == 2 and "serve.conf:7: unknown key \"colour\"" in run.stderr,
           "an unknown key names its line", run.stderr)
 
 

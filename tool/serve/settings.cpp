@@ -1,10 +1,13 @@
 #include "settings.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <fstream>
 
 #include "../commands.h"
 #include "../words.h"
+#include "command_input.h"
 
 namespace tool::serve {
 namespace {
@@ -99,6 +102,10 @@ void readConfigFile(const std::string& path, bool mustExist, Settings& settings)
         settings.queue = queueLength(value);
       } else if (key == "password") {
         settings.password = value;
+        struct stat info {};
+        if (stat(path.c_str(), &info) == 0 && (info.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+          serviceLog("warning: " + path + " holds a password and others may read it (chmod 600)");
+        }
       } else {
         throw UsageError("unknown key \"" + key + "\"");
       }
