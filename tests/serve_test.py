@@ -104,8 +104,8 @@ class Watch:
         args = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(broker.port), "-v", "-q", "1"]
         for topic in topics + (self.sync,):
             args += ["-t", topic]
-        self.proc = subprocess.Popen(args, stdout=subprocess.PIPE, bufsize=1, encoding="utf-8",
-                                     errors="replace")
+        self.proc = started(subprocess.Popen(args, stdout=subprocess.PIPE, bufsize=1,
+                                             encoding="utf-8", errors="replace"))
         self.messages = []
         self.changed = threading.Condition()
         threading.Thread(target=self._read, daemon=True).start()
