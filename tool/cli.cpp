@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "report.h"
+#include "serve/serve.h"
 #include "track_commands.h"
 #include "words.h"
 
@@ -165,6 +166,10 @@ void addLiveCommands(CLI::App& app, Requests& r) {
   playCommand->add_option("--follow", r.follow,
                           "mpv:SOCKET: send each cue when the film playing in mpv reaches it");
 
+  app.add_subcommand("serve",
+                     "the accessories in Home Assistant and on plain MQTT topics: "
+                     "serve [--mqtt URL] [--device OUTPUT]... (see serve --help)");
+
   auto* helpCommand = app.add_subcommand("help", "describe the tool, or one command");
   helpCommand->add_option("COMMAND", r.helpTopic, "a command");
 }
@@ -229,6 +234,8 @@ int dispatch(const CLI::App& app, Requests& r) {
 }  // namespace
 
 int runTool(int argc, const char* const* argv, bool execute) {
+  // The service parses its own options (and its config file).
+  if (argc > 1 && std::string(argv[1]) == "serve") return runServe(argc - 1, argv + 1, execute);
   CLI::App app{"nimbara: drives the scent accessory on the headphone jack by sound", "nimbara"};
   Requests r;
   addGlobalOptions(app, r);
