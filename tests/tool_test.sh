@@ -263,6 +263,31 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   check "no such source" 1 "$tool" listen --source nosuch --seconds 1 && one_line "no such source"
   contains "no such source" "$work/err" 'there is no source named "nosuch"'
 
+  # A timeline whose process is stopped while it plays: the server runs dry in
+  # the middle of the sound, and the play fails with one line; played through
+  # undisturbed, it succeeds.
+  printf '0.0 flash red\n0.5 flash green\n1.0 flash blue\n1.5 flash 1 2 3\n' >"$work/four.txt"
+  check "a timeline on the server" 0 "$tool" --skip-precheck play "$work/four.txt"
+  "$tool" --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
+  player=$!
+  for _ in $(seq 400); do
+    pactl list sink-inputs 2>/dev/null | grep -q 'media.name = "nimbara"' && break
+    sleep 0.01
+  done
+  # Stopped 0.4 s into the stream, for longer than the server's buffer lasts.
+  sleep 0.4
+  kill -STOP "$player"
+  sleep 0.6
+  kill -CONT "$player"
+  wait "$player"
+  status=$?
+  if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
+    echo "FAIL: a player stopped mid-timeline: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+  grep -v -e '^nimbara: warning: the sink runs at' -e '^  context.properties' "$work/err" >"$work/err.errors"
+  mv "$work/err.errors" "$work/err"
+  one_line "a player stopped mid-timeline"
+  contains "a player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
+
   # Whether the signal reaches the sink unresampled, and the fix when it does not.
   kind=${NIMBARA_TEST_SERVER:-pulseaudio}
   rate=${NIMBARA_TEST_SINK_RATE:-44100}
