@@ -81,8 +81,11 @@ struct ThreadRegistry {
   std::vector<std::thread> live;
   std::vector<std::thread::id> finished;
 
+  // Never destroyed, since threads may outlive statics; and in static
+  // storage, so that the first start cannot fail for want of memory.
   static ThreadRegistry& instance() {
-    static ThreadRegistry* registry = new ThreadRegistry;  // threads may outlive statics
+    alignas(ThreadRegistry) static unsigned char storage[sizeof(ThreadRegistry)];
+    static ThreadRegistry* registry = new (storage) ThreadRegistry;
     return *registry;
   }
 
@@ -274,8 +277,8 @@ int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
   if (queue->started.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_BUSY;
   queue->refs.fetch_add(1, std::memory_order_relaxed);
   runningQueues.fetch_add(1, std::memory_order_acq_rel);
-  ThreadRegistry::instance().reap();
   try {
+    ThreadRegistry::instance().reap();
     ThreadRegistry::instance().reserveOne();
     ThreadRegistry::instance().add(std::thread(runQueue, queue));
   } catch (...) {  // no memory or no thread: the queue cannot run
