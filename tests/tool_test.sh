@@ -309,21 +309,25 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   check "puff on ALSA" 0 "$tool" --device alsa:hp --skip-precheck puff 21 43 65
   wait "$listener"
   contains "heard from ALSA" "$work/listen" "puff rgb(21, 43, 65)"
-  "$tool" --device alsa:hp --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
-  player=$!
-  for _ in $(seq 400); do
-    pactl list sink-inputs 2>/dev/null | grep -q 'application.name = "ALSA' && break
-    sleep 0.01
-  done
-  sleep 0.4
-  kill -STOP "$player"
-  sleep 0.6
-  kill -CONT "$player"
-  wait "$player"
-  status=$?
-  if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
-    echo "FAIL: an ALSA player stopped mid-timeline: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
-  contains "an ALSA player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
+  # pipewire-pulse does not pass a stream's underrun on to alsa-lib's pulse
+  # plugin (the native backend's own test above sees it there): on PulseAudio only.
+  if [ "${NIMBARA_TEST_SERVER:-pulseaudio}" = pulseaudio ]; then
+    "$tool" --device alsa:hp --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
+    player=$!
+    for _ in $(seq 400); do
+      pactl list sink-inputs 2>/dev/null | grep -q 'application.name = "ALSA' && break
+      sleep 0.01
+    done
+    sleep 0.4
+    kill -STOP "$player"
+    sleep 0.6
+    kill -CONT "$player"
+    wait "$player"
+    status=$?
+    if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
+      echo "FAIL: an ALSA player stopped mid-timeline: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+    contains "an ALSA player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
+  fi
   unset ALSA_CONFIG_PATH
 
   # Whether the signal reaches the sink unresampled, and the fix when it does not.
