@@ -37,5 +37,6 @@ std::shared_ptr<Backend> makePulseBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeVirtualBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeWavBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeAlsaBackend(const BackendArgs& args);
+std::shared_ptr<Backend> makePipeWireBackend(const BackendArgs& args);
 
 }  // namespace nimbara::platform::detail

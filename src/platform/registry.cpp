@@ -19,6 +19,10 @@ constexpr std::array kBackends = {
     BackendEntry{"pulse", &detail::makePulseBackend, "pulse, pulse:SINK", true,
                  &detail::soundServerRuns},
 #endif
+#ifdef NIMBARA_HAVE_PIPEWIRE
+    // Not the default until it reads presence, level and outputs.
+    BackendEntry{"pipewire", &detail::makePipeWireBackend, "pipewire, pipewire:NODE", false},
+#endif
 #ifdef NIMBARA_HAVE_ALSA
     BackendEntry{"alsa", &detail::makeAlsaBackend, "alsa, alsa:PCM", true},
 #endif
