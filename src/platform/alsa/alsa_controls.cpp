@@ -2,6 +2,8 @@
 
 #include <alsa/asoundlib.h>
 
+#include "platform/alsa/alsa_pcm.h"
+
 #include <algorithm>
 #include <string>
 
@@ -21,6 +23,7 @@ bool isHeadphoneJack(const std::string& name) {
 }  // namespace
 
 int cardOf(const std::string& pcm) {
+  if (loadConfiguration() != 0) return -1;
   snd_pcm_t* handle = nullptr;
   if (snd_pcm_open(&handle, pcm.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0) return -1;
   snd_pcm_info_t* info = nullptr;

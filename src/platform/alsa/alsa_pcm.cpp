@@ -178,8 +178,19 @@ std::int32_t openFailure(int error) {
   }
 }
 
+std::int32_t loadConfiguration() {
+  // alsa-lib keeps a half-read configuration after a failure (out of memory
+  // while parsing) and crashes on it later: it is dropped, to be read afresh.
+  if (const int error = snd_config_update(); error < 0) {
+    snd_config_update_free_global();
+    return error == -ENOMEM ? NIMBARA_AUDIO_ERR_NO_MEMORY : NIMBARA_AUDIO_ERR_STREAM;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
 std::int32_t openExact(const std::string& name, snd_pcm_stream_t direction, int mode,
                        snd_pcm_t** pcm, unsigned* nearest) {
+  if (const std::int32_t status = loadConfiguration()) return status;
   snd_pcm_t* opened = nullptr;
   if (const int error = snd_pcm_open(&opened, name.c_str(), direction, mode); error < 0) {
     return openFailure(error);

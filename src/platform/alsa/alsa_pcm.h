@@ -22,6 +22,9 @@ std::int32_t openExact(const std::string& name, snd_pcm_stream_t direction, int 
 std::int32_t openPlayback(const std::string& name, std::unique_ptr<OutputStream>* stream);
 std::int32_t openRecord(const std::string& name, std::unique_ptr<CaptureStream>* stream);
 
+// Reads alsa-lib's configuration where it has changed; a failure leaves none.
+std::int32_t loadConfiguration();
+
 // The status of an alsa-lib error from opening a PCM.
 std::int32_t openFailure(int error);
 
