@@ -145,6 +145,9 @@ TEST_F(PipeWireTest, AtTheSignalsRateItReachesTheSinkBitForBitAndAStarvedStreamF
   for (int i = 0; i < 500 && (!fs::exists(recording) || fs::file_size(recording) == 0); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));  // polling parec's start
   }
+  // A node that is not there plays nowhere else.
+  nimbara::platform::setBackend(std::make_shared<PipeWireDevice>("nosuch"));
+  EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), NIMBARA_AUDIO_ERR_NO_SUCH_NAME);
   auto device = std::make_shared<PipeWireDevice>("headphones");
   nimbara::platform::PlaybackRate rate;
   ASSERT_EQ(device->playbackRate(&rate), 0);

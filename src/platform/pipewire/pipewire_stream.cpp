@@ -55,7 +55,12 @@ class Playback : public OutputStream {
         "Production", PW_KEY_NODE_RATE, "1/44100", PW_KEY_NODE_FORCE_RATE, "true",
         PW_KEY_NODE_LATENCY, "1024/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
     if (props == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
-    if (!node_.empty()) pw_properties_set(props, PW_KEY_TARGET_OBJECT, node_.c_str());
+    if (!node_.empty()) {
+      // A named node or none: without it the session manager would play on
+      // the default one instead.
+      pw_properties_set(props, PW_KEY_TARGET_OBJECT, node_.c_str());
+      pw_properties_set(props, PW_KEY_NODE_DONT_RECONNECT, "true");
+    }
     static const pw_stream_events events = [] {
       pw_stream_events e{};
       e.version = PW_VERSION_STREAM_EVENTS;
@@ -93,7 +98,10 @@ class Playback : public OutputStream {
     // handed over before it is known.
     const auto until = std::chrono::steady_clock::now() + kStartLimit;
     while (graphRate_.load(std::memory_order_acquire) == 0) {
-      if (failed_.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_NO_SERVER;
+      if (failed_.load(std::memory_order_acquire)) {
+        // A stream that fails before it runs: a named node that is not there.
+        return node_.empty() ? NIMBARA_AUDIO_ERR_NO_SERVER : NIMBARA_AUDIO_ERR_NO_SUCH_NAME;
+      }
       if (std::chrono::steady_clock::now() > until) return NIMBARA_AUDIO_ERR_STREAM;
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
