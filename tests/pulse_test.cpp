@@ -243,7 +243,9 @@ TEST_F(PulseTest, AFacadePuffReachesTheHeadphonesAndNoDeviceSendsNothing) {
   nimbara::setRunLoopPause({});
 }
 
-TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
+// Under load a server may now and then run dry; a transmission it cut into
+// must then fail. Each one is either recorded bit for bit or reported failed.
+TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExactOrFail) {
   REQUIRE_TEST_SERVER();
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "ThreadSanitizer slows the audio thread too much for real time";
@@ -264,11 +266,11 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
     });
   }
   constexpr int kTransmissions = 100;
+  std::vector<std::int32_t> statuses;
   for (int i = 0; i < kTransmissions; ++i) {
-    EXPECT_EQ(
-        executeFunction(createLightLedProtocol(static_cast<std::uint8_t>(i), 255 - i, 7, 0, 100), 1,
-                        35280, nullptr),
-        0);
+    statuses.push_back(executeFunction(
+        createLightLedProtocol(static_cast<std::uint8_t>(i), 255 - i, 7, 0, 100), 1, 35280,
+        nullptr));
   }
   nimbara::platform::waitUntilIdle();
   stop = true;
@@ -277,16 +279,47 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExact) {
   // The last one is waited for; one that never arrives is named below.
   recording.contains(frame(kTransmissions - 1));
   const auto samples = readSamples(dir.path / "monitor.raw");
-  std::vector<int> missing;
+  int exact = 0;
+  std::vector<std::string> reported;
+  std::vector<int> silent;
   for (int i = 0; i < kTransmissions; ++i) {
     const auto expected = frame(i);
-    if (std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) ==
-        samples.end()) {
-      missing.push_back(i);
+    const bool recorded =
+        std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) !=
+        samples.end();
+    if (statuses[i] != 0) {
+      reported.push_back(std::to_string(i) + ": " + nimbaraAudioStatusText(statuses[i]));
+    } else if (recorded) {
+      ++exact;
+    } else {
+      silent.push_back(i);
     }
   }
-  EXPECT_THAT(missing, ::testing::IsEmpty()) << "transmissions not recorded bit for bit";
+  std::printf("load: %d bit-exact, %zu reported, %zu silent\n", exact, reported.size(),
+              silent.size());
+  for (const std::string& line : reported) std::printf("  reported %s\n", line.c_str());
+  EXPECT_THAT(silent, ::testing::IsEmpty()) << "transmissions lost without a failure";
+  // A server that fails everything would pass the line above.
+  EXPECT_GE(exact, kTransmissions * 9 / 10);
   nimbara::setLogSink({});
+}
+
+// A run-dry is reported only where the server said it ran dry: a hundred
+// transmissions back to back on an unloaded machine all succeed.
+TEST_F(PulseTest, CleanTransmissionsRaiseNoFalseAlarm) {
+  REQUIRE_TEST_SERVER();
+  nimbara::setLogSink({});
+  nimbara::platform::setBackend(std::make_shared<PulseDevice>());
+  int failed = 0;
+  for (int i = 0; i < 100; ++i) {
+    const std::int32_t status =
+        executeFunction(createLightLedProtocol(1, 2, 3, 0, 100), 1, 17640, nullptr);
+    if (status != 0) {
+      ++failed;
+      ADD_FAILURE() << "transmission " << i << ": " << nimbaraAudioStatusText(status);
+    }
+  }
+  EXPECT_EQ(failed, 0);
 }
 
 // What playbackRate reports must be what a recording of the sink shows: exact

@@ -82,8 +82,11 @@ struct ThreadRegistry {
   std::vector<std::thread> live;
   std::vector<std::thread::id> finished;
 
+  // Never destroyed, since threads may outlive statics; and in static
+  // storage, so that the first start cannot fail for want of memory.
   static ThreadRegistry& instance() {
-    static ThreadRegistry* registry = new ThreadRegistry;  // threads may outlive statics
+    alignas(ThreadRegistry) static unsigned char storage[sizeof(ThreadRegistry)];
+    static ThreadRegistry* registry = new (storage) ThreadRegistry;
     return *registry;
   }
 
@@ -204,6 +207,8 @@ const char* nimbaraAudioStatusText(int32_t status) {
       return "the output ran dry while the command played";
     case NIMBARA_AUDIO_ERR_NO_SUCH_NAME:
       return "no output or source of that name";
+    case NIMBARA_AUDIO_ERR_RATE:
+      return "the output cannot run at 44100 Hz without resampling the signal";
     default:
       return status < 0 ? "unknown audio error" : "platform status";
   }
@@ -277,8 +282,8 @@ int32_t nimbaraAudioQueueStart(NimbaraAudioQueueRef queue) {
   if (queue->started.exchange(true, std::memory_order_acq_rel)) return NIMBARA_AUDIO_ERR_BUSY;
   queue->refs.fetch_add(1, std::memory_order_relaxed);
   runningQueues.fetch_add(1, std::memory_order_acq_rel);
-  ThreadRegistry::instance().reap();
   try {
+    ThreadRegistry::instance().reap();
     ThreadRegistry::instance().reserveOne();
     ThreadRegistry::instance().add(std::thread(runQueue, queue));
   } catch (...) {  // no memory or no thread: the queue cannot run

@@ -24,10 +24,19 @@ struct BackendEntry {
   BackendFactory make;
   const char* usage;  // the names it takes, for messages: "pulse, pulse:SINK"
   bool canBeDefault;  // tried, in table order, when no backend is chosen
+  // Whether it can be the default here and now (null: always): a sound
+  // server's backend only where a server runs.
+  bool (*runsHere)() = nullptr;
+  bool simulated = false;  // plays into memory: the default only without a real output
 };
+
+// Whether a PulseAudio server (PipeWire's included) is configured or running.
+bool soundServerRuns();
 
 std::shared_ptr<Backend> makePulseBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeVirtualBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeWavBackend(const BackendArgs& args);
+std::shared_ptr<Backend> makeAlsaBackend(const BackendArgs& args);
+std::shared_ptr<Backend> makePipeWireBackend(const BackendArgs& args);
 
 }  // namespace nimbara::platform::detail

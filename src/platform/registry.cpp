@@ -16,20 +16,35 @@ using detail::BackendEntry;
 
 constexpr std::array kBackends = {
 #ifdef NIMBARA_HAVE_PULSE
-    BackendEntry{"pulse", &detail::makePulseBackend, "pulse, pulse:SINK", true},
+    BackendEntry{"pulse", &detail::makePulseBackend, "pulse, pulse:SINK", true,
+                 &detail::soundServerRuns},
 #endif
-    BackendEntry{"virtual", &detail::makeVirtualBackend, "virtual", true},
+#ifdef NIMBARA_HAVE_PIPEWIRE
+    // Not the default until it reads presence, level and outputs.
+    BackendEntry{"pipewire", &detail::makePipeWireBackend, "pipewire, pipewire:NODE", false},
+#endif
+#ifdef NIMBARA_HAVE_ALSA
+    BackendEntry{"alsa", &detail::makeAlsaBackend, "alsa, alsa:PCM", true},
+#endif
+    BackendEntry{"virtual", &detail::makeVirtualBackend, "virtual", true, nullptr, true},
     BackendEntry{"wav", &detail::makeWavBackend, "wav:PATH", false},
 };
 
 std::mutex backendMutex;
 std::shared_ptr<Backend> selected;
 
+// The first backend that can play here; the virtual device only where the
+// library has no real output, so that a machine without sound is told so
+// rather than played to in memory.
 const BackendEntry& defaultEntry() {
+  const BackendEntry* absent = nullptr;  // a real output that does not run here
   for (const BackendEntry& entry : kBackends) {
-    if (entry.canBeDefault) return entry;
+    if (!entry.canBeDefault) continue;
+    if (entry.simulated && absent != nullptr) return *absent;
+    if (entry.runsHere == nullptr || entry.runsHere()) return entry;
+    if (absent == nullptr) absent = &entry;
   }
-  return kBackends.front();
+  return absent != nullptr ? *absent : kBackends.front();
 }
 
 }  // namespace

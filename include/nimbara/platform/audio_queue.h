@@ -29,7 +29,8 @@ enum {
   NIMBARA_AUDIO_ERR_LOST = -10,          /**< the output went away while playing */
   NIMBARA_AUDIO_ERR_NOT_SUPPORTED = -11, /**< the backend has no such operation */
   NIMBARA_AUDIO_ERR_RAN_DRY = -12,       /**< the output played silence: the stream came late */
-  NIMBARA_AUDIO_ERR_NO_SUCH_NAME = -13   /**< no output or source of that name */
+  NIMBARA_AUDIO_ERR_NO_SUCH_NAME = -13,  /**< no output or source of that name */
+  NIMBARA_AUDIO_ERR_RATE = -14           /**< the output cannot run at 44100 Hz unresampled */
 };
 
 /** Text of a status, for messages; never null. */

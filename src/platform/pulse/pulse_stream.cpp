@@ -2,6 +2,8 @@
 // lock-free byte ring; a pump on the main loop's thread (the stream's write
 // callback and a 5 ms timer) moves them into the server and publishes the
 // playback position, so that the hand-over never takes the main loop's lock.
+// The server's underflow notices say where it ran dry; one that falls between
+// the first and the last sound of the stream has put a gap into it.
 #include "platform/pulse/pulse_stream.h"
 
 #include <nimbara/signal/signal_format.h>
@@ -26,6 +28,7 @@ constexpr std::uint32_t kTargetLatencyBytes = NIMBARA_SAMPLE_RATE / 5 * kBytesPe
 constexpr pa_usec_t kPumpPeriodUsec = 5000;
 constexpr std::size_t kRingBytes = 1u << 16;  // more than all a queue's buffers
 constexpr auto kStallLimit = std::chrono::seconds(2);
+constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
 
 // Single producer (the queue's thread), single consumer (the main loop's thread).
 class ByteRing {
@@ -78,6 +81,7 @@ class PlaybackStream : public OutputStream, public CallbackData {
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_STREAM;
     pa_stream_set_state_callback(stream_, &PlaybackStream::onState, this);
     pa_stream_set_write_callback(stream_, &PlaybackStream::onWritable, this);
+    pa_stream_set_underflow_callback(stream_, &PlaybackStream::onUnderflow, this);
     const pa_buffer_attr attr = playbackBufferAttr();
     const auto flags = static_cast<pa_stream_flags_t>(
         PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
@@ -113,6 +117,7 @@ class PlaybackStream : public OutputStream, public CallbackData {
     const std::size_t bytes = frames * kBytesPerFrame;
     if (!dead()) {
       while (ring_.space() < bytes && !dead() && !stop.load(std::memory_order_acquire)) pause();
+      noteSound(samples, frames);
       if (ring_.space() >= bytes) ring_.push(reinterpret_cast<const std::uint8_t*>(samples), bytes);
       handed_ += bytes;
       // A server that stops playing without going away counts as lost too.
@@ -123,7 +128,7 @@ class PlaybackStream : public OutputStream, public CallbackData {
         pause();
       }
     }
-    if (!dead()) return NIMBARA_AUDIO_OK;
+    if (!dead()) return ranDryInSound() ? NIMBARA_AUDIO_ERR_RAN_DRY : NIMBARA_AUDIO_OK;
     playWithoutOutput(frames, stop);
     return NIMBARA_AUDIO_ERR_LOST;
   }
@@ -147,8 +152,11 @@ class PlaybackStream : public OutputStream, public CallbackData {
     } else if (handed_ > 0) {
       closeStatus_ = NIMBARA_AUDIO_ERR_LOST;
     }
+    if (closeStatus_ == NIMBARA_AUDIO_OK && ranDryInSound())
+      closeStatus_ = NIMBARA_AUDIO_ERR_RAN_DRY;
     pa_stream_set_state_callback(stream_, nullptr, nullptr);
     pa_stream_set_write_callback(stream_, nullptr, nullptr);
+    pa_stream_set_underflow_callback(stream_, nullptr, nullptr);
     pa_stream_disconnect(stream_);
     pa_stream_unref(stream_);
     stream_ = nullptr;
@@ -159,6 +167,34 @@ class PlaybackStream : public OutputStream, public CallbackData {
   static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
   bool dead() const { return lost_.load(std::memory_order_acquire) || !connection_->alive(); }
+
+  // Queue thread: where the stream's sound starts and ends, in bytes.
+  void noteSound(const std::int16_t* samples, std::size_t frames) {
+    const std::size_t count = frames * NIMBARA_CHANNELS;
+    std::size_t first = count;
+    std::size_t last = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (samples[i] == 0) continue;
+      if (first == count) first = i;
+      last = i + 1;
+    }
+    if (first == count) return;
+    if (soundStart_.load(std::memory_order_relaxed) == kNowhere) {
+      soundStart_.store(handed_ + first * 2, std::memory_order_release);
+    }
+    soundEnd_.store(handed_ + last * 2, std::memory_order_release);
+  }
+
+  // Whether the server ran dry after the sound had begun and before all of it
+  // had played. Reported once: the queue keeps the first failure anyway.
+  bool ranDryInSound() {
+    if (dryReported_) return false;
+    const std::size_t at = dryAt_.load(std::memory_order_acquire);
+    if (at == kNowhere || at >= soundEnd_.load(std::memory_order_acquire)) return false;
+    dryReported_ = true;
+    NIMBARA_LOG(" [ERROR] the audio server ran dry %zu bytes into the stream", at);
+    return true;
+  }
 
   // The server is gone: the buffers still take their time, and go nowhere.
   void playWithoutOutput(std::size_t frames, const std::atomic<bool>& stop) {
@@ -182,6 +218,7 @@ class PlaybackStream : public OutputStream, public CallbackData {
       if (n == 0) break;
       if (pa_stream_write(stream_, bytes, n, nullptr, 0, PA_SEEK_RELATIVE) < 0) break;
       ring_.consume(n);
+      written_.store(written_.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
       writable -= n;
     }
     pa_usec_t usec = 0;
@@ -215,6 +252,22 @@ class PlaybackStream : public OutputStream, public CallbackData {
     pa_context_rttime_restart(s->connection_->context(), event, pa_rtclock_now() + kPumpPeriodUsec);
   }
 
+  // Main loop's thread: the server played everything it had. The position is
+  // the server's own where it tells it (PulseAudio), else all that was written
+  // so far. Everything before it had been handed over, so whether the sound
+  // had begun is known here; the earliest such run-dry is the one to judge.
+  static void onUnderflow(pa_stream* stream, void* self) {
+    auto* s = static_cast<PlaybackStream*>(self);
+    const std::int64_t index = pa_stream_get_underflow_index(stream);
+    const std::size_t at =
+        index >= 0 ? static_cast<std::size_t>(index) : s->written_.load(std::memory_order_relaxed);
+    const std::size_t start = s->soundStart_.load(std::memory_order_acquire);
+    if (start == kNowhere || at <= start) return;
+    if (at < s->dryAt_.load(std::memory_order_relaxed)) {
+      s->dryAt_.store(at, std::memory_order_release);
+    }
+  }
+
   static void onDrained(pa_stream*, int, void* self) {
     answer<PlaybackStream>(self, [](PlaybackStream&) {});
   }
@@ -229,6 +282,11 @@ class PlaybackStream : public OutputStream, public CallbackData {
   std::size_t lead_ = 0;
   std::atomic<std::size_t> played_{0};
   std::atomic<bool> lost_{false};
+  std::atomic<std::size_t> written_{0};            // main loop's thread
+  std::atomic<std::size_t> soundStart_{kNowhere};  // set by the queue's thread
+  std::atomic<std::size_t> soundEnd_{0};           // set by the queue's thread
+  std::atomic<std::size_t> dryAt_{kNowhere};       // the first run-dry after the sound began
+  bool dryReported_ = false;                       // queue's thread
   bool reported_ = false;
   bool closed_ = false;
 };

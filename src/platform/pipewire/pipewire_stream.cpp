@@ -1,0 +1,311 @@
+// The playback stream. The queue's thread hands buffers over through a
+// lock-free ring (spa_ringbuffer); the stream's process callback, on
+// PipeWire's real-time thread, copies what the graph asks for and notes
+// where the ring ran empty. Like the other backends, a run-dry between the
+// first and the last sound of the stream fails it.
+#include "platform/pipewire/pipewire_device.h"
+
+#include <nimbara/signal/signal_format.h>
+
+#include <pipewire/pipewire.h>
+#include <spa/param/audio/format-utils.h>
+#include <spa/utils/ringbuffer.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "common/log.h"
+#include "platform/backend_registry.h"
+
+namespace nimbara::platform {
+namespace {
+
+constexpr std::uint32_t kBytesPerFrame = 2 * NIMBARA_CHANNELS;
+constexpr std::uint32_t kRingBytes = 1u << 17;  // a power of two, ~740 ms
+constexpr std::size_t kLeadBytes = NIMBARA_SAMPLE_RATE / 5 * kBytesPerFrame;  // 200 ms ahead
+constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
+constexpr auto kStartLimit = std::chrono::seconds(3);
+
+void initOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { pw_init(nullptr, nullptr); });
+}
+
+class Playback : public OutputStream {
+ public:
+  Playback(std::string node, bool allowResampling)
+      : node_(std::move(node)),
+        allowResampling_(allowResampling),
+        data_(new std::uint8_t[kRingBytes]) {
+    spa_ringbuffer_init(&ring_);
+  }
+  ~Playback() override { close(); }
+
+  std::int32_t open() {
+    initOnce();
+    loop_ = pw_thread_loop_new("nimbara", nullptr);
+    if (loop_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    pw_properties* props = pw_properties_new(
+        PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
+        "Production", PW_KEY_NODE_RATE, "1/44100", PW_KEY_NODE_FORCE_RATE, "true",
+        PW_KEY_NODE_LATENCY, "1024/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
+    if (props == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    if (!node_.empty()) {
+      // A named node or none: without it the session manager would play on
+      // the default one instead.
+      pw_properties_set(props, PW_KEY_TARGET_OBJECT, node_.c_str());
+      pw_properties_set(props, PW_KEY_NODE_DONT_RECONNECT, "true");
+    }
+    static const pw_stream_events events = [] {
+      pw_stream_events e{};
+      e.version = PW_VERSION_STREAM_EVENTS;
+      e.process = &Playback::onProcess;
+      e.state_changed = &Playback::onState;
+      return e;
+    }();
+    pw_thread_loop_lock(loop_);
+    if (pw_thread_loop_start(loop_) < 0) {
+      pw_thread_loop_unlock(loop_);
+      pw_properties_free(props);
+      return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    }
+    stream_ = pw_stream_new_simple(pw_thread_loop_get_loop(loop_), "nimbara", props, &events, this);
+    if (stream_ == nullptr) {
+      pw_thread_loop_unlock(loop_);
+      return NIMBARA_AUDIO_ERR_NO_SERVER;
+    }
+    std::uint8_t pod[1024];
+    spa_pod_builder builder = SPA_POD_BUILDER_INIT(pod, sizeof pod);
+    spa_audio_info_raw info{};
+    info.format = SPA_AUDIO_FORMAT_S16_LE;
+    info.rate = NIMBARA_SAMPLE_RATE;
+    info.channels = NIMBARA_CHANNELS;
+    info.position[0] = SPA_AUDIO_CHANNEL_FL;
+    info.position[1] = SPA_AUDIO_CHANNEL_FR;
+    const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
+    const auto flags = static_cast<pw_stream_flags>(
+        PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS);
+    const int connected =
+        pw_stream_connect(stream_, PW_DIRECTION_OUTPUT, PW_ID_ANY, flags, params, 1);
+    pw_thread_loop_unlock(loop_);
+    if (connected < 0) return NIMBARA_AUDIO_ERR_STREAM;
+    // The graph's rate shows in the first cycles: nothing of the signal is
+    // handed over before it is known.
+    const auto until = std::chrono::steady_clock::now() + kStartLimit;
+    while (graphRate_.load(std::memory_order_acquire) == 0) {
+      if (failed_.load(std::memory_order_acquire)) {
+        // A stream that fails before it runs: a named node that is not there.
+        return node_.empty() ? NIMBARA_AUDIO_ERR_NO_SERVER : NIMBARA_AUDIO_ERR_NO_SUCH_NAME;
+      }
+      if (std::chrono::steady_clock::now() > until) return NIMBARA_AUDIO_ERR_STREAM;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const std::uint32_t rate = graphRate_.load(std::memory_order_acquire);
+    if (rate != NIMBARA_SAMPLE_RATE) {
+      if (!allowResampling_) return NIMBARA_AUDIO_ERR_RATE;
+      NIMBARA_LOG(" [WARN] the PipeWire graph runs at %u Hz: the signal is resampled", rate);
+    }
+    return NIMBARA_AUDIO_OK;
+  }
+
+  std::uint32_t graphRate() const { return graphRate_.load(std::memory_order_acquire); }
+
+  std::int32_t play(const std::int16_t* samples, std::size_t frames,
+                    const std::atomic<bool>& stop) override {
+    noteSound(samples, frames);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(samples);
+    std::size_t left = frames * kBytesPerFrame;
+    while (left > 0 && !stop.load(std::memory_order_acquire)) {
+      if (failed_.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_LOST;
+      std::uint32_t index = 0;
+      const std::int32_t filled = spa_ringbuffer_get_write_index(&ring_, &index);
+      const std::size_t n =
+          std::min<std::size_t>(left, kRingBytes - static_cast<std::uint32_t>(filled));
+      if (n == 0) {
+        pause();
+        continue;
+      }
+      spa_ringbuffer_write_data(&ring_, data_.get(), kRingBytes, index & (kRingBytes - 1), bytes,
+                                n);
+      spa_ringbuffer_write_update(&ring_, index + n);
+      bytes += n;
+      left -= n;
+      handed_ += n;
+    }
+    // Paced by the graph: at most the lead ahead of what it has taken.
+    while (handed_ > consumed_.load(std::memory_order_acquire) + kLeadBytes &&
+           !stop.load(std::memory_order_acquire) && !failed_.load(std::memory_order_acquire)) {
+      pause();
+    }
+    if (failed_.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_LOST;
+    return ranDryInSound() ? NIMBARA_AUDIO_ERR_RAN_DRY : NIMBARA_AUDIO_OK;
+  }
+
+  std::int32_t close() override {
+    if (loop_ == nullptr) return NIMBARA_AUDIO_OK;
+    std::int32_t status = NIMBARA_AUDIO_OK;
+    if (stream_ != nullptr) {
+      // What was handed over plays out first.
+      const auto until = std::chrono::steady_clock::now() + kStartLimit;
+      while (consumed_.load(std::memory_order_acquire) < handed_ &&
+             !failed_.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < until) {
+        pause();
+      }
+      if (consumed_.load(std::memory_order_acquire) < handed_) status = NIMBARA_AUDIO_ERR_LOST;
+      if (status == NIMBARA_AUDIO_OK && ranDryInSound()) status = NIMBARA_AUDIO_ERR_RAN_DRY;
+      pw_thread_loop_lock(loop_);
+      pw_stream_destroy(stream_);
+      stream_ = nullptr;
+      pw_thread_loop_unlock(loop_);
+    }
+    pw_thread_loop_stop(loop_);
+    pw_thread_loop_destroy(loop_);
+    loop_ = nullptr;
+    return status;
+  }
+
+ private:
+  static void pause() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+  void noteSound(const std::int16_t* samples, std::size_t frames) {
+    for (std::size_t i = 0; i < frames * NIMBARA_CHANNELS; ++i) {
+      if (samples[i] == 0) continue;
+      if (soundStart_.load(std::memory_order_relaxed) == kNowhere) {
+        soundStart_.store(handed_ + i * 2, std::memory_order_release);
+      }
+      soundEnd_ = handed_ + i * 2 + 2;
+    }
+  }
+
+  bool ranDryInSound() {
+    const std::size_t at = dryAt_.load(std::memory_order_acquire);
+    if (dryReported_ || at == kNowhere || at >= soundEnd_) return false;
+    dryReported_ = true;
+    NIMBARA_LOG(" [ERROR] the PipeWire stream ran dry %zu bytes into the stream", at);
+    return true;
+  }
+
+  // PipeWire's real-time thread: no allocation, no lock.
+  static void onProcess(void* self) {
+    auto* s = static_cast<Playback*>(self);
+    pw_buffer* buffer = pw_stream_dequeue_buffer(s->stream_);
+    if (buffer == nullptr) return;
+    pw_time time{};
+    if (pw_stream_get_time_n(s->stream_, &time, sizeof time) == 0 && time.rate.denom != 0) {
+      s->graphRate_.store(time.rate.denom, std::memory_order_release);
+    }
+    spa_data& data = buffer->buffer->datas[0];
+    auto* out = static_cast<std::uint8_t*>(data.data);
+    if (out == nullptr) {
+      pw_stream_queue_buffer(s->stream_, buffer);
+      return;
+    }
+    std::uint32_t wanted = data.maxsize / kBytesPerFrame * kBytesPerFrame;
+    if (buffer->requested != 0) {
+      wanted = std::min<std::uint32_t>(
+          wanted, static_cast<std::uint32_t>(buffer->requested) * kBytesPerFrame);
+    }
+    std::uint32_t index = 0;
+    const std::int32_t available = spa_ringbuffer_get_read_index(&s->ring_, &index);
+    const std::uint32_t n =
+        std::min<std::uint32_t>(wanted, static_cast<std::uint32_t>(std::max(available, 0)));
+    spa_ringbuffer_read_data(&s->ring_, s->data_.get(), kRingBytes, index & (kRingBytes - 1), out,
+                             n);
+    spa_ringbuffer_read_update(&s->ring_, index + n);
+    const std::size_t consumed = s->consumed_.load(std::memory_order_relaxed) + n;
+    if (n < wanted) {
+      std::memset(out + n, 0, wanted - n);
+      // Ran empty here: a gap if the sound had begun and goes on after it.
+      const std::size_t start = s->soundStart_.load(std::memory_order_acquire);
+      if (start != kNowhere && consumed > start &&
+          s->dryAt_.load(std::memory_order_relaxed) == kNowhere) {
+        s->dryAt_.store(consumed, std::memory_order_release);
+      }
+    }
+    s->consumed_.store(consumed, std::memory_order_release);
+    data.chunk->offset = 0;
+    data.chunk->stride = kBytesPerFrame;
+    data.chunk->size = wanted;
+    pw_stream_queue_buffer(s->stream_, buffer);
+  }
+
+  static void onState(void* self, pw_stream_state, pw_stream_state state, const char*) {
+    if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
+      static_cast<Playback*>(self)->failed_.store(true, std::memory_order_release);
+    }
+  }
+
+  const std::string node_;
+  const bool allowResampling_;
+  std::unique_ptr<std::uint8_t[]> data_;
+  spa_ringbuffer ring_{};
+  pw_thread_loop* loop_ = nullptr;
+  pw_stream* stream_ = nullptr;
+  std::size_t handed_ = 0;    // queue's thread
+  std::size_t soundEnd_ = 0;  // queue's thread
+  std::atomic<std::size_t> soundStart_{kNowhere};
+  std::atomic<std::size_t> consumed_{0};
+  std::atomic<std::size_t> dryAt_{kNowhere};
+  std::atomic<std::uint32_t> graphRate_{0};
+  std::atomic<bool> failed_{false};
+  bool dryReported_ = false;
+};
+
+}  // namespace
+
+PipeWireDevice::PipeWireDevice(std::string node, bool allowResampling)
+    : node_(std::move(node)), allowResampling_(allowResampling) {}
+
+std::int32_t PipeWireDevice::openStream(const NimbaraStreamFormat&,
+                                        std::unique_ptr<OutputStream>* stream) {
+  try {
+    auto opened = std::make_unique<Playback>(node_, allowResampling_);
+    if (const std::int32_t status = opened->open()) return status;
+    *stream = std::move(opened);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PipeWireDevice::routeName(std::string* name) {
+  try {
+    *name = node_.empty() ? "PipeWire default output" : node_;
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t PipeWireDevice::playbackRate(PlaybackRate* rate) {
+  try {
+    // The graph's rate while a stream of ours asks for 44100 Hz: one opened
+    // with resampling allowed, so that it tells rather than refuses.
+    Playback probe(node_, true);
+    if (const std::int32_t status = probe.open()) return status;
+    PlaybackRate found;
+    found.rate = probe.graphRate();
+    found.exact = found.rate == NIMBARA_SAMPLE_RATE;
+    if (!found.exact) {
+      found.howToAllow =
+          "let PipeWire run at 44100 Hz with this line in "
+          "~/.config/pipewire/pipewire.conf.d/44100.conf, then restart PipeWire:\n"
+          "  context.properties = { default.clock.allowed-rates = [ 44100 48000 ] }\n";
+    }
+    *rate = std::move(found);
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
+  return NIMBARA_AUDIO_OK;
+}
+
+std::shared_ptr<Backend> detail::makePipeWireBackend(const BackendArgs& args) {
+  return std::make_shared<PipeWireDevice>(args.argument);
+}
+
+}  // namespace nimbara::platform
