@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 
@@ -86,25 +87,43 @@ void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double sc
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.
   const double half = half_[0] * (1 + clock.stretch);
-  double best[2] = {kNone, kNone}, shift[2] = {0, 0};
+  const double sign = polarity;
+  const double length[2] = {2 * half, 2 * half * 2};
+  // Away from the stretch's ends (nearly always) the prefix sums need no clamping.
   const int shifts = retime ? 1 : 0;
-  for (int s = -shifts; s <= shifts; ++s) {
-    const double t = clock.time + s * step_;
-    const double s0 = prefixAt(t), s1 = prefixAt(t + half), s2 = prefixAt(t + 2 * half),
-                 s4 = prefixAt(t + 4 * half);
-    const double c[2] = {polarity * (2 * s1 - s0 - s2), polarity * (2 * s2 - s0 - s4)};
+  const bool within =
+      clock.time - shifts * step_ >= 0 && clock.time + shifts * step_ + 4 * half <= lastStep_;
+  const auto correlations = [&](double t, double c[2]) {
+    double s0, s1, s2, s4;
+    if (within) {
+      s0 = prefixWithin(t), s1 = prefixWithin(t + half), s2 = prefixWithin(t + 2 * half),
+      s4 = prefixWithin(t + 4 * half);
+    } else {
+      s0 = prefixAt(t), s1 = prefixAt(t + half), s2 = prefixAt(t + 2 * half),
+      s4 = prefixAt(t + 4 * half);
+    }
+    c[0] = sign * (2 * s1 - s0 - s2);
+    c[1] = sign * (2 * s2 - s0 - s4);
+  };
+  double best[2], shift[2] = {0, 0};
+  correlations(clock.time, best);
+  if (retime) {
+    // A shift costs a little; on a tie the earlier of the shifts is kept.
+    double early[2], late[2];
+    correlations(clock.time - step_, early);
+    correlations(clock.time + step_, late);
     for (int bit = 0; bit < 2; ++bit) {
-      const double length = 2 * half * (bit + 1);
-      const double value = c[bit] - (s != 0 ? shiftCost_ * length : 0);
-      if (value > best[bit]) best[bit] = value, shift[bit] = s * step_;
+      const double cost = shiftCost_ * length[bit];
+      const double e = early[bit] - cost, l = late[bit] - cost;
+      if (e >= best[bit]) best[bit] = e, shift[bit] = -step_;
+      if (l > best[bit]) best[bit] = l, shift[bit] = step_;
     }
   }
   for (int bit = 0; bit < 2; ++bit) {
-    const double length = 2 * half * (bit + 1);
-    next[bit].time = clock.time + shift[bit] + length;
-    next[bit].stretch =
-        std::clamp(clock.stretch + kClockGain * shift[bit] / length, -kMaxStretch, kMaxStretch);
-    score[bit] = best[bit] - bias_ * length;
+    next[bit].time = clock.time + shift[bit] + length[bit];
+    next[bit].stretch = std::clamp(clock.stretch + kClockGain * shift[bit] / length[bit],
+                                   -kMaxStretch, kMaxStretch);
+    score[bit] = best[bit] - bias_ * length[bit];
   }
 }
 
@@ -112,22 +131,46 @@ void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double sc
 // good enough to rank candidate starts and polarities. The score is that of
 // the best prefix, less whatever looks like a bit just before the start (a
 // start that skips the payload's first bits).
-double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd, bool retime) const {
-  const double before = bitLike(t0, -1);
-  Clock clock{t0, 0};
-  double sum = 0, best = 0;
-  for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
+PayloadDecoder::Walk PayloadDecoder::startWalk(double t0) const {
+  Walk walk;
+  walk.clock = {t0, 0};
+  walk.before = bitLike(t0, -1);
+  return walk;
+}
+
+void PayloadDecoder::walkOn(Walk& walk, int polarity, double searchEnd, double floor) const {
+  // Far below the floor, with room for rounding.
+  const double slack = 1e-6 * level_ * 2 * half_[0];
+  const bool bounded = floor != kNone;
+  for (; walk.bits < kLongestPayload && walk.clock.time < searchEnd; ++walk.bits) {
+    if (bounded &&
+        std::max(walk.best, walk.sum + reachable(walk.clock.time, walk.bits, searchEnd)) -
+                walk.before <
+            floor - slack) {
+      walk.abandoned = true;
+      return;
+    }
     Clock next[2];
     double c[2];
-    scoreBits(clock, polarity, retime, c, next);
-    const double c0 = c[0], c1 = c[1];
-    const Clock& next0 = next[0];
-    const Clock& next1 = next[1];
-    sum += std::max(c0, c1);
-    clock = c0 >= c1 ? next0 : next1;
-    best = std::max(best, sum);
+    scoreBits(walk.clock, polarity, true, c, next);
+    walk.sum += std::max(c[0], c[1]);
+    walk.clock = c[0] >= c[1] ? next[0] : next[1];
+    walk.best = std::max(walk.best, walk.sum);
   }
-  return best - before;
+}
+
+// A bit's score is at most the excess of its samples' magnitudes over the
+// bias; the bits that follow cover the time up to the last one's end, each
+// overlapping the one before by at most a step.
+double PayloadDecoder::reachable(double from, int bits, double searchEnd) const {
+  const double shortest = 2 * half_[0] * (1 - kMaxStretch);
+  const double end = searchEnd + step_ + 4 * half_[0] * (1 + kMaxStretch) + 1;
+  const double last = static_cast<double>(excess_.size() - 1);
+  const auto a = static_cast<std::size_t>(std::clamp(std::floor(from - step_ - 1), 0.0, last));
+  const auto b = static_cast<std::size_t>(std::clamp(std::ceil(end) + 1, 0.0, last));
+  const double count =
+      std::min(static_cast<double>(kLongestPayload - bits), (end - from) / shortest + 2);
+  return excess_[std::max(a, b)] - excess_[a] + count * step_ * peak_;
 }
 
 void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
@@ -139,6 +182,14 @@ void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
   level_ = level;
   bias_ = kBias * level;
   shiftCost_ = kShiftCost * level;
+  excess_.resize(signal.size() + 1);
+  excess_[0] = 0;
+  peak_ = 0;
+  for (std::size_t i = 0; i < signal.size(); ++i) {
+    const double excess = std::max(0.0, std::fabs(static_cast<double>(signal[i])) - bias_);
+    excess_[i + 1] = excess_[i] + excess;
+    peak_ = std::max(peak_, excess);
+  }
 }
 
 double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t origin,
@@ -230,25 +281,38 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
 
   // Activity is measured in blocks, and noise can open a run early: the first
   // bit begins a little before the onset or up to a few blocks after it.
-  std::vector<Start> starts;
+  std::vector<Start>& starts = starts_;
+  starts.clear();
   const double from = relativeOnset - (startSpread ? *startSpread : 2 * half_[0]);
   const double to = relativeOnset + (startSpread ? *startSpread : 3 * onsetSlack_ + half_[0]);
   const double rankingSpan = kRankingBits * 3 * half_[0];
-  for (double t = from; t <= to; t += 0.4 * half_[0]) {
-    for (int polarity : {1, -1}) {
-      starts.push_back(
-          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan), true)});
-    }
-  }
   // The same stretch of time after each candidate (as many bits as would
   // fit, half of them 1s) ranks them; the few best are scored over the whole
-  // stretch.
+  // stretch. A walk that can no longer reach the few best so far is left.
+  std::array<double, kStartsRescored> few;
+  few.fill(kNone);
+  for (double t = from; t <= to; t += 0.4 * half_[0]) {
+    for (int polarity : {1, -1}) {
+      Start start{t, polarity, kNone, startWalk(t)};
+      walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), few.back());
+      if (!start.walk.abandoned) {
+        start.score = walkScore(start.walk);
+        if (start.score > few.back()) {
+          few.back() = start.score;
+          std::sort(few.begin(), few.end(), std::greater<>());
+        }
+      }
+      starts.push_back(start);
+    }
+  }
   const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
   const std::size_t rescored = std::min(kStartsRescored, starts.size());
   std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
   starts.resize(rescored);
   for (Start& start : starts) {
-    start.score = greedyScore(start.time, start.polarity, relativeEnd, true);
+    if (start.walk.abandoned) start.walk = startWalk(start.time), start.walk.abandoned = false;
+    walkOn(start.walk, start.polarity, relativeEnd, kNone);
+    start.score = walkScore(start.walk);
   }
   std::sort(starts.begin(), starts.end(), byScore);
   // Inverted, a run of 0-bits is the same run half a period later, and a run
