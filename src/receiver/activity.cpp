@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "receiver/frame_geometry.h"
 
@@ -44,16 +45,20 @@ bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, Ac
       const float d = x[n] - past[n];
       sum += d * d;
     }
-    // Eight independent sums, so that the loop vectorises without
-    // reassociating floating-point additions.
-    float lanes[8] = {};
+    // Eight independent sums, one vector of them, so that no floating-point
+    // addition is reassociated.
+    using Lanes = float __attribute__((vector_size(8 * sizeof(float))));
+    Lanes sums = {};
     std::size_t n = lag_;
     for (; n + 8 <= count; n += 8) {
-      for (std::size_t l = 0; l < 8; ++l) {
-        const float d = x[n + l] - x[n + l - lag_];
-        lanes[l] += d * d;
-      }
+      Lanes now, then;
+      std::memcpy(&now, x + n, sizeof now);
+      std::memcpy(&then, x + n - lag_, sizeof then);
+      const Lanes d = now - then;
+      sums += d * d;
     }
+    float lanes[8];
+    std::memcpy(lanes, &sums, sizeof lanes);
     for (; n < count; ++n) {
       const float d = x[n] - x[n - lag_];
       lanes[0] += d * d;

@@ -499,7 +499,7 @@ PayloadDecoder::End PayloadDecoder::chooseEnd(double searchEnd, int lastLevel, d
   std::array<End, kMostLayouts> ends{};
   for (int g = 0; g < layouts; ++g) {
     for (int n : kPayloadLengths) {
-      if (n > lastLevel) break;
+      if (n > lastLevel || n > reached_[g]) break;
       for (int k = n; k <= 2 * n; ++k) {
         if (!isEnd(g, n, k, searchEnd)) continue;
         const int s = at(g, stateIndex(n, k));

@@ -119,8 +119,11 @@ struct Receiver::State {
     std::vector<std::vector<float>> band(channels, std::vector<float>(length));
     std::vector<double> energy(channels, 0.0);
     std::vector<bool> repeats(channels, false);
+    // The ring's part up to its end, then the part from its start.
+    const std::size_t at = from % capacity, first = std::min(length, capacity - at);
     for (int c = 0; c < channels; ++c) {
-      for (std::size_t i = 0; i < length; ++i) band[c][i] = ring[c][(from + i) % capacity];
+      std::copy_n(ring[c].begin() + at, first, band[c].begin());
+      std::copy_n(ring[c].begin(), length - first, band[c].begin() + first);
       // A channel that repeats the first (as the accessory's output does)
       // adds nothing: it is left out, with no energy.
       repeats[c] = c > 0 && band[c] == band[0];
