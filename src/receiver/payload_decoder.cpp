@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <stdexcept>
@@ -59,6 +60,7 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
       statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
   if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
   const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
+  scored_.resize(std::size_t{1} << kScoredBits);
   alive_.resize(layouts_.size());
   reached_.resize(layouts_.size());
   score_.resize(states);
@@ -82,8 +84,34 @@ double PayloadDecoder::bitLike(double t, int direction) const {
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
-void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double score[2],
-                               Clock next[2]) const {
+void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const {
+  std::uint64_t time, stretch;
+  std::memcpy(&time, &clock.time, sizeof time);
+  std::memcpy(&stretch, &clock.stretch, sizeof stretch);
+  const std::uint64_t hash =
+      (time ^ (stretch * 0x9E3779B97F4A7C15ULL) ^ static_cast<std::uint64_t>(polarity > 0)) *
+      0xD6E8FEB86659FD93ULL;
+  const std::size_t mask = scored_.size() - 1;
+  std::size_t i = static_cast<std::size_t>(hash >> (64 - kScoredBits));
+  for (int probe = 0; probe < 8; ++probe, i = (i + 1) & mask) {
+    Scored& entry = scored_[i];
+    if (entry.stamp != stamp_) {
+      scoreBitsAfresh(clock, polarity, score, next);
+      entry = {time, stretch, stamp_, polarity, {score[0], score[1]}, {next[0], next[1]}};
+      return;
+    }
+    if (entry.time == time && entry.stretch == stretch && entry.polarity == polarity) {
+      score[0] = entry.score[0], score[1] = entry.score[1];
+      next[0] = entry.next[0], next[1] = entry.next[1];
+      return;
+    }
+  }
+  scoreBitsAfresh(clock, polarity, score, next);
+}
+
+void PayloadDecoder::scoreBitsAfresh(Clock clock, int polarity, double score[2],
+                                     Clock next[2]) const {
+  const bool retime = true;
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.
   const double half = half_[0] * (1 + clock.stretch);
@@ -152,7 +180,7 @@ void PayloadDecoder::walkOn(Walk& walk, int polarity, double searchEnd, double f
     }
     Clock next[2];
     double c[2];
-    scoreBits(walk.clock, polarity, true, c, next);
+    scoreBits(walk.clock, polarity, c, next);
     walk.sum += std::max(c[0], c[1]);
     walk.clock = c[0] >= c[1] ? next[0] : next[1];
     walk.best = std::max(walk.best, walk.sum);
@@ -182,6 +210,10 @@ void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
   level_ = level;
   bias_ = kBias * level;
   shiftCost_ = kShiftCost * level;
+  if (++stamp_ == 0) {
+    for (Scored& entry : scored_) entry.stamp = 0;
+    stamp_ = 1;
+  }
   excess_.resize(signal.size() + 1);
   excess_[0] = 0;
   peak_ = 0;
@@ -205,7 +237,7 @@ double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t
     const int b = bit == '1';
     double scores[2];
     Clock next[2];
-    scoreBits(clock, polarity, true, scores, next);
+    scoreBits(clock, polarity, scores, next);
     fit += scores[b];
     clock = next[b];
   }
@@ -462,7 +494,7 @@ bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, doub
     alive = true;
     Clock nexts[2];
     double scores[2];
-    scoreBits(clock_[s], polarity, true, scores, nexts);
+    scoreBits(clock_[s], polarity, scores, nexts);
     for (int b = 0; b < 2; ++b) {
       if (forced && layout.prefix[i] != '0' + b) {
         bitScore_[b][s] = kNone;

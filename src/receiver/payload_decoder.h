@@ -105,7 +105,8 @@ class PayloadDecoder {
   }
   // The best re-timed correlation of each bit at the clock, less the costs,
   // and the clock of the bit that would follow it.
-  void scoreBits(Clock clock, int polarity, bool retime, double score[2], Clock next[2]) const;
+  void scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const;
+  void scoreBitsAfresh(Clock clock, int polarity, double score[2], Clock next[2]) const;
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
@@ -149,6 +150,19 @@ class PayloadDecoder {
   std::vector<double> excess_;
   double peak_ = 0;  // the largest such excess
   std::vector<Start> starts_;
+  // The bits' scores at each clock met since the stretch was prepared: the
+  // walks from neighbouring starts, the searches from a start and from its
+  // twins one 0-bit either side, meet the same clocks again and again.
+  struct Scored {
+    std::uint64_t time = 0, stretch = 0;  // the clock's bits
+    std::uint32_t stamp = 0;              // the preparation it belongs to
+    int polarity = 0;
+    double score[2] = {0, 0};
+    Clock next[2] = {};
+  };
+  static constexpr int kScoredBits = 12;
+  mutable std::vector<Scored> scored_;
+  std::uint32_t stamp_ = 0;
   double lastStep_ = 0;  // the last index where prefix_ can interpolate
   double level_ = 0;
   double bias_ = 0;  // cost per sample covered: stops a payload in a tail
