@@ -61,6 +61,8 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
   if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
   const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
   scored_.resize(std::size_t{1} << kScoredBits);
+  first_.resize(layouts_.size() * (kLongestPayload + 2));
+  last_.resize(first_.size());
   alive_.resize(layouts_.size());
   reached_.resize(layouts_.size());
   score_.resize(states);
@@ -447,22 +449,21 @@ int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
   for (int g = 0; g < layouts; ++g) {
     score_[at(g, 0)] = 0;
     clock_[at(g, 0)] = {t0, 0};
+    first_[level(g, 0)] = last_[level(g, 0)] = 0;
     alive_[g] = constrained_ || g == layouts - 1;
     reached_[g] = 0;
   }
   int lastLevel = 0;
   const double beam = kBeamBits * level_ * 2 * half_[0];
   for (int i = 0; i < kLongestPayload; ++i) {
-    // Only the levels a layout reaches are cleared, and read.
+    // Only the levels a layout reaches are set, and read.
     for (int g = 0; g < layouts; ++g) {
-      if (!alive_[g]) continue;
-      for (int k = i + 1; k <= 2 * i + 2; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
-      reached_[g] = i + 1;
+      if (alive_[g]) reached_[g] = i + 1;
     }
     double levelBest = kNone;
     for (int g = 0; g < layouts; ++g) {
       if (!alive_[g]) continue;
-      for (int k = i; k <= 2 * i; ++k) {
+      for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
         levelBest = std::max(levelBest, score_[at(g, stateIndex(i, k))]);
       }
     }
@@ -482,16 +483,26 @@ int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
 // by the bit its layout fixes there). Whether any state was extended.
 bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, double searchEnd) {
   const PayloadLayout& layout = layouts_[g];
+  int& first = first_[level(g, i + 1)];
+  int& last = last_[level(g, i + 1)];
+  first = 1, last = 0;  // none
   if (i >= layout.longest()) return false;
   const bool forced = i < static_cast<int>(layout.prefix.size());
-  bool alive = false;
-  for (int k = i; k <= 2 * i; ++k) {
+  // The states within the beam, and the next level's states they reach.
+  for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
     const int s = at(g, stateIndex(i, k));
     if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) {
       bitScore_[0][s] = bitScore_[1][s] = kNone;
       continue;
     }
-    alive = true;
+    if (first > last) first = k + 1;
+    last = k + 2;
+  }
+  if (first > last) return false;
+  for (int k = first; k <= last; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
+  for (int k = first - 1; k <= last - 2; ++k) {
+    const int s = at(g, stateIndex(i, k));
+    if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) continue;
     Clock nexts[2];
     double scores[2];
     scoreBits(clock_[s], polarity, scores, nexts);
@@ -509,7 +520,7 @@ bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, doub
       }
     }
   }
-  return alive;
+  return true;
 }
 
 // A payload is followed by the stop level and silence: a state ends a
@@ -532,7 +543,7 @@ PayloadDecoder::End PayloadDecoder::chooseEnd(double searchEnd, int lastLevel, d
   for (int g = 0; g < layouts; ++g) {
     for (int n : kPayloadLengths) {
       if (n > lastLevel || n > reached_[g]) break;
-      for (int k = n; k <= 2 * n; ++k) {
+      for (int k = first_[level(g, n)]; k <= last_[level(g, n)]; ++k) {
         if (!isEnd(g, n, k, searchEnd)) continue;
         const int s = at(g, stateIndex(n, k));
         const double fit = score_[s] - bitLike(clock_[s].time, 1);
@@ -584,7 +595,7 @@ double PayloadDecoder::weakestMargin(const End& best, const End& runnerUp, const
   // Backward: the best way from each state of the layout to any of its ends.
   std::fill(backward_.begin() + at(g, 0), backward_.begin() + at(g + 1, 0), kNone);
   for (int i = reached_[g]; i >= 0; --i) {
-    for (int k = i; k <= 2 * i; ++k) {
+    for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone) continue;
       if (isEnd(g, i, k, searchEnd)) backward_[s] = 0;
@@ -601,7 +612,7 @@ double PayloadDecoder::weakestMargin(const End& best, const End& runnerUp, const
   for (int i = 0; i < best.bits; ++i) {
     const int flipped = bits[i] == '1' ? 0 : 1;
     double alternative = kNone;
-    for (int k = i; k <= 2 * i; ++k) {
+    for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone || bitScore_[flipped][s] == kNone) continue;
       const double after = backward_[at(g, stateIndex(i + 1, k + 1 + flipped))];

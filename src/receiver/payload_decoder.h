@@ -172,6 +172,10 @@ class PayloadDecoder {
   // k in i..2i.
   std::vector<double> score_, backward_, bitScore_[2];
   std::vector<Clock> clock_;
+  // Per layout and level: the first and last length whose state is set
+  // (the others hold no score).
+  std::vector<int> first_, last_;
+  int level(int layout, int bits) const { return layout * (kLongestPayload + 2) + bits; }
   std::vector<char> alive_;   // per layout: some state still within the beam
   std::vector<int> reached_;  // per layout: the last level whose states are set
   std::vector<std::uint8_t> bit_;
