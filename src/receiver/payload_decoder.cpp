@@ -28,6 +28,8 @@ constexpr double kMaxStretch = 0.06;
 constexpr int kRankingBits = 16;
 constexpr std::size_t kStartsRescored = 6;
 constexpr int kStartsKept = 2;  // one while any bits are read
+// How often (in bits) a walk checks whether it can still rank among the best.
+constexpr int kBoundEvery = 2;
 // How many times the start may move by a 0-bit to a better reading.
 constexpr int kStartMoves = 2;
 // A reading of any bits this sure that is a command needs no search over the
@@ -172,10 +174,10 @@ void PayloadDecoder::walkOn(Walk& walk, int polarity, double searchEnd, double f
   // Far below the floor, with room for rounding.
   const double slack = 1e-6 * level_ * 2 * half_[0];
   const bool bounded = floor != kNone;
+  const Reach reach = reachTo(searchEnd);
   for (; walk.bits < kLongestPayload && walk.clock.time < searchEnd; ++walk.bits) {
-    if (bounded &&
-        std::max(walk.best, walk.sum + reachable(walk.clock.time, walk.bits, searchEnd)) -
-                walk.before <
+    if (bounded && walk.bits % kBoundEvery == 0 &&
+        std::max(walk.best, walk.sum + reachable(reach, walk.clock.time, walk.bits)) - walk.before <
             floor - slack) {
       walk.abandoned = true;
       return;
@@ -192,15 +194,20 @@ void PayloadDecoder::walkOn(Walk& walk, int polarity, double searchEnd, double f
 // A bit's score is at most the excess of its samples' magnitudes over the
 // bias; the bits that follow cover the time up to the last one's end, each
 // overlapping the one before by at most a step.
-double PayloadDecoder::reachable(double from, int bits, double searchEnd) const {
-  const double shortest = 2 * half_[0] * (1 - kMaxStretch);
+PayloadDecoder::Reach PayloadDecoder::reachTo(double searchEnd) const {
   const double end = searchEnd + step_ + 4 * half_[0] * (1 + kMaxStretch) + 1;
   const double last = static_cast<double>(excess_.size() - 1);
-  const auto a = static_cast<std::size_t>(std::clamp(std::floor(from - step_ - 1), 0.0, last));
   const auto b = static_cast<std::size_t>(std::clamp(std::ceil(end) + 1, 0.0, last));
+  return {end, b};
+}
+
+double PayloadDecoder::reachable(const Reach& reach, double from, int bits) const {
+  const double shortest = 2 * half_[0] * (1 - kMaxStretch);
+  const double last = static_cast<double>(excess_.size() - 1);
+  const auto a = static_cast<std::size_t>(std::clamp(std::floor(from - step_ - 1), 0.0, last));
   const double count =
-      std::min(static_cast<double>(kLongestPayload - bits), (end - from) / shortest + 2);
-  return excess_[std::max(a, b)] - excess_[a] + count * step_ * peak_;
+      std::min(static_cast<double>(kLongestPayload - bits), (reach.end - from) / shortest + 2);
+  return excess_[std::max(a, reach.last)] - excess_[a] + count * step_ * peak_;
 }
 
 void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {

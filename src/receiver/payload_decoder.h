@@ -117,8 +117,13 @@ class PayloadDecoder {
   // Walks on while bits begin before `searchEnd`; abandons the walk as soon
   // as its score can no longer reach `floor`.
   void walkOn(Walk& walk, int polarity, double searchEnd, double floor) const;
-  // The most that bits from `from` on, beginning before `searchEnd`, can add.
-  double reachable(double from, int bits, double searchEnd) const;
+  // The most that bits from `from` on, beginning before a walk's end, can add.
+  struct Reach {
+    double end;        // where the last bit may end
+    std::size_t last;  // the excess's index there
+  };
+  Reach reachTo(double searchEnd) const;
+  double reachable(const Reach& reach, double from, int bits) const;
   double walkScore(const Walk& walk) const { return walk.best - walk.before; }
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
