@@ -283,15 +283,22 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
                                  bool hasMargins) {
   // A start a 0-bit off that reads better is the start.
   std::optional<Payload> twins[2];
+  std::optional<Payload> left;  // the reading the start moved from: one twin of the new start
   for (int moves = 0; moves <= kStartMoves; ++moves) {
     int better = -1;
     for (int side = 0; side < 2; ++side) {
-      twins[side] = searchSequences(payload->start + (2 * side - 1) * 2 * half_[0],
-                                    payload->polarity, relativeEnd, false);
+      const double start = payload->start + (2 * side - 1) * 2 * half_[0];
+      if (left && std::memcmp(&left->start, &start, sizeof start) == 0) {
+        twins[side] = std::move(left);
+        left.reset();
+      } else {
+        twins[side] = searchSequences(start, payload->polarity, relativeEnd, false);
+      }
       const double fit = better < 0 ? payload->fit : twins[better]->fit;
       if (twins[side] && twins[side]->fit > fit) better = side;
     }
     if (better < 0 || moves == kStartMoves) break;
+    left = std::move(payload);
     payload = std::move(twins[better]);
     hasMargins = false;
   }
