@@ -211,10 +211,6 @@ double PayloadDecoder::reachable(const Reach& reach, double from, int bits) cons
 }
 
 void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
-  prefix_.resize(signal.size() + 1);
-  prefix_[0] = 0;
-  for (std::size_t i = 0; i < signal.size(); ++i) prefix_[i + 1] = prefix_[i] + signal[i];
-  prefix_.push_back(prefix_.back());
   lastStep_ = static_cast<double>(signal.size());
   level_ = level;
   bias_ = kBias * level;
@@ -223,14 +219,22 @@ void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
     for (Scored& entry : scored_) entry.stamp = 0;
     stamp_ = 1;
   }
+  // Both prefix sums in one pass (the last step of prefix_ repeats, so that
+  // interpolation at the very end reads within it).
+  prefix_.resize(signal.size() + 2);
   excess_.resize(signal.size() + 1);
-  excess_[0] = 0;
-  peak_ = 0;
+  double sum = 0, excessSum = 0;
+  prefix_[0] = excess_[0] = peak_ = 0;
   for (std::size_t i = 0; i < signal.size(); ++i) {
-    const double excess = std::max(0.0, std::fabs(static_cast<double>(signal[i])) - bias_);
-    excess_[i + 1] = excess_[i] + excess;
+    const double x = signal[i];
+    sum += x;
+    prefix_[i + 1] = sum;
+    const double excess = std::max(0.0, std::fabs(x) - bias_);
+    excessSum += excess;
+    excess_[i + 1] = excessSum;
     peak_ = std::max(peak_, excess);
   }
+  prefix_[signal.size() + 1] = sum;
 }
 
 double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t origin,
