@@ -88,15 +88,27 @@ double PayloadDecoder::bitLike(double t, int direction) const {
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
-void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const {
+std::size_t PayloadDecoder::scoredSlot(Clock clock, int polarity) {
   std::uint64_t time, stretch;
   std::memcpy(&time, &clock.time, sizeof time);
   std::memcpy(&stretch, &clock.stretch, sizeof stretch);
   const std::uint64_t hash =
       (time ^ (stretch * 0x9E3779B97F4A7C15ULL) ^ static_cast<std::uint64_t>(polarity > 0)) *
       0xD6E8FEB86659FD93ULL;
+  return static_cast<std::size_t>(hash >> (64 - kScoredBits));
+}
+
+// The next state's scores are looked up while this one's are worked out.
+void PayloadDecoder::prefetchScored(Clock clock, int polarity) const {
+  __builtin_prefetch(&scored_[scoredSlot(clock, polarity)]);
+}
+
+void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const {
+  std::uint64_t time, stretch;
+  std::memcpy(&time, &clock.time, sizeof time);
+  std::memcpy(&stretch, &clock.stretch, sizeof stretch);
   const std::size_t mask = scored_.size() - 1;
-  std::size_t i = static_cast<std::size_t>(hash >> (64 - kScoredBits));
+  std::size_t i = scoredSlot(clock, polarity);
   for (int probe = 0; probe < 8; ++probe, i = (i + 1) & mask) {
     Scored& entry = scored_[i];
     if (entry.stamp != stamp_) {
@@ -506,21 +518,19 @@ bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, doub
   first = 1, last = 0;  // none
   if (i >= layout.longest()) return false;
   const bool forced = i < static_cast<int>(layout.prefix.size());
-  // The states within the beam, and the next level's states they reach.
-  for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
+  // The next level's states that the states of this one can reach hold no
+  // score until a state within the beam reaches them.
+  const int lo = first_[level(g, i)], hi = last_[level(g, i)];
+  for (int k = lo + 1; k <= hi + 2; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
+  for (int k = lo; k <= hi; ++k) {
     const int s = at(g, stateIndex(i, k));
+    if (k < hi) prefetchScored(clock_[s + 1], polarity);
     if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) {
       bitScore_[0][s] = bitScore_[1][s] = kNone;
       continue;
     }
     if (first > last) first = k + 1;
     last = k + 2;
-  }
-  if (first > last) return false;
-  for (int k = first; k <= last; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
-  for (int k = first - 1; k <= last - 2; ++k) {
-    const int s = at(g, stateIndex(i, k));
-    if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) continue;
     Clock nexts[2];
     double scores[2];
     scoreBits(clock_[s], polarity, scores, nexts);
@@ -538,7 +548,7 @@ bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, doub
       }
     }
   }
-  return true;
+  return first <= last;
 }
 
 // A payload is followed by the stop level and silence: a state ends a
