@@ -127,16 +127,13 @@ void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock
 
 void PayloadDecoder::scoreBitsAfresh(Clock clock, int polarity, double score[2],
                                      Clock next[2]) const {
-  const bool retime = true;
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.
   const double half = half_[0] * (1 + clock.stretch);
   const double sign = polarity;
   const double length[2] = {2 * half, 2 * half * 2};
   // Away from the stretch's ends (nearly always) the prefix sums need no clamping.
-  const int shifts = retime ? 1 : 0;
-  const bool within =
-      clock.time - shifts * step_ >= 0 && clock.time + shifts * step_ + 4 * half <= lastStep_;
+  const bool within = clock.time - step_ >= 0 && clock.time + step_ + 4 * half <= lastStep_;
   const auto correlations = [&](double t, double c[2]) {
     double s0, s1, s2, s4;
     if (within) {
@@ -149,25 +146,21 @@ void PayloadDecoder::scoreBitsAfresh(Clock clock, int polarity, double score[2],
     c[0] = sign * (2 * s1 - s0 - s2);
     c[1] = sign * (2 * s2 - s0 - s4);
   };
-  double best[2], shift[2] = {0, 0};
-  correlations(clock.time, best);
-  if (retime) {
-    // A shift costs a little; on a tie the earlier of the shifts is kept.
-    double early[2], late[2];
-    correlations(clock.time - step_, early);
-    correlations(clock.time + step_, late);
-    for (int bit = 0; bit < 2; ++bit) {
-      const double cost = shiftCost_ * length[bit];
-      const double e = early[bit] - cost, l = late[bit] - cost;
-      if (e >= best[bit]) best[bit] = e, shift[bit] = -step_;
-      if (l > best[bit]) best[bit] = l, shift[bit] = step_;
-    }
-  }
+  double early[2], centre[2], late[2];
+  correlations(clock.time - step_, early);
+  correlations(clock.time, centre);
+  correlations(clock.time + step_, late);
   for (int bit = 0; bit < 2; ++bit) {
-    next[bit].time = clock.time + shift[bit] + length[bit];
-    next[bit].stretch = std::clamp(clock.stretch + kClockGain * shift[bit] / length[bit],
-                                   -kMaxStretch, kMaxStretch);
-    score[bit] = best[bit] - bias_ * length[bit];
+    // A shift costs a little; on a tie the earliest of the shifts is kept.
+    const double cost = shiftCost_ * length[bit];
+    double best = kNone, shift = 0;
+    if (early[bit] - cost > best) best = early[bit] - cost, shift = -step_;
+    if (centre[bit] > best) best = centre[bit], shift = 0;
+    if (late[bit] - cost > best) best = late[bit] - cost, shift = step_;
+    next[bit].time = clock.time + shift + length[bit];
+    next[bit].stretch =
+        std::clamp(clock.stretch + kClockGain * shift / length[bit], -kMaxStretch, kMaxStretch);
+    score[bit] = best - bias_ * length[bit];
   }
 }
 
