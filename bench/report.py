@@ -171,7 +171,7 @@ print("""
   or lightly noisy stream therefore costs what the plain search costs. Within
   it, a bit's two scores at a given clock are worked out once per stretch
   (the walks that rank the starts and the searches from a start and its
-  twins meet the same clocks: about 70% of the look-ups find them), a
+  twins meet the same clocks: the lattice finds about 70% of its look-ups), a
   ranking walk stops as soon as it can no longer reach the best six (its
   bits can score no more than the samples' magnitudes above the bias), and
   the lattice visits only the lengths its beam reached. The figures move by
