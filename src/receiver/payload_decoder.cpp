@@ -88,7 +88,7 @@ double PayloadDecoder::bitLike(double t, int direction) const {
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
 // at every bit (a second-order loop).
-std::size_t PayloadDecoder::scoredSlot(Clock clock, int polarity) {
+std::size_t PayloadDecoder::scoredSlot(const Clock& clock, int polarity) {
   std::uint64_t time, stretch;
   std::memcpy(&time, &clock.time, sizeof time);
   std::memcpy(&stretch, &clock.stretch, sizeof stretch);
@@ -99,15 +99,16 @@ std::size_t PayloadDecoder::scoredSlot(Clock clock, int polarity) {
 }
 
 // The next state's scores are looked up while this one's are worked out.
-void PayloadDecoder::prefetchScored(Clock clock, int polarity) const {
+void PayloadDecoder::prefetchScored(const Clock& clock, int polarity) const {
   __builtin_prefetch(&scored_[scoredSlot(clock, polarity)]);
 }
 
-void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const {
+void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2],
+                               Clock next[2]) const {
   std::uint64_t time, stretch;
   std::memcpy(&time, &clock.time, sizeof time);
   std::memcpy(&stretch, &clock.stretch, sizeof stretch);
-  const std::size_t mask = scored_.size() - 1;
+  constexpr std::size_t mask = (std::size_t{1} << kScoredBits) - 1;
   std::size_t i = scoredSlot(clock, polarity);
   for (int probe = 0; probe < 8; ++probe, i = (i + 1) & mask) {
     Scored& entry = scored_[i];
@@ -125,7 +126,7 @@ void PayloadDecoder::scoreBits(Clock clock, int polarity, double score[2], Clock
   scoreBitsAfresh(clock, polarity, score, next);
 }
 
-void PayloadDecoder::scoreBitsAfresh(Clock clock, int polarity, double score[2],
+void PayloadDecoder::scoreBitsAfresh(const Clock& clock, int polarity, double score[2],
                                      Clock next[2]) const {
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.

@@ -105,10 +105,10 @@ class PayloadDecoder {
   }
   // The best re-timed correlation of each bit at the clock, less the costs,
   // and the clock of the bit that would follow it.
-  void scoreBits(Clock clock, int polarity, double score[2], Clock next[2]) const;
-  static std::size_t scoredSlot(Clock clock, int polarity);
-  void prefetchScored(Clock clock, int polarity) const;
-  void scoreBitsAfresh(Clock clock, int polarity, double score[2], Clock next[2]) const;
+  void scoreBits(const Clock& clock, int polarity, double score[2], Clock next[2]) const;
+  static std::size_t scoredSlot(const Clock& clock, int polarity);
+  void prefetchScored(const Clock& clock, int polarity) const;
+  void scoreBitsAfresh(const Clock& clock, int polarity, double score[2], Clock next[2]) const;
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
