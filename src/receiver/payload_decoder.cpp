@@ -113,8 +113,8 @@ void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2]
   for (int probe = 0; probe < 8; ++probe, i = (i + 1) & mask) {
     Scored& entry = scored_[i];
     if (entry.stamp != stamp_) {
-      scoreBitsAfresh(clock, polarity, score, next);
-      entry = {time, stretch, stamp_, polarity, {score[0], score[1]}, {next[0], next[1]}};
+      entry.time = time, entry.stretch = stretch, entry.stamp = stamp_, entry.polarity = polarity;
+      scoreBitsAfresh(clock, polarity, score, next, &entry);
       return;
     }
     if (entry.time == time && entry.stretch == stretch && entry.polarity == polarity) {
@@ -123,11 +123,13 @@ void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2]
       return;
     }
   }
-  scoreBitsAfresh(clock, polarity, score, next);
+  scoreBitsAfresh(clock, polarity, score, next, nullptr);
 }
 
+// Each result is stored where it goes straight from where it was worked
+// out: read back at once as a whole, it would wait for its parts.
 void PayloadDecoder::scoreBitsAfresh(const Clock& clock, int polarity, double score[2],
-                                     Clock next[2]) const {
+                                     Clock next[2], Scored* keep) const {
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.
   const double half = half_[0] * (1 + clock.stretch);
@@ -158,10 +160,13 @@ void PayloadDecoder::scoreBitsAfresh(const Clock& clock, int polarity, double sc
     if (early[bit] - cost > best) best = early[bit] - cost, shift = -step_;
     if (centre[bit] > best) best = centre[bit], shift = 0;
     if (late[bit] - cost > best) best = late[bit] - cost, shift = step_;
-    next[bit].time = clock.time + shift + length[bit];
-    next[bit].stretch =
-        std::clamp(clock.stretch + kClockGain * shift / length[bit], -kMaxStretch, kMaxStretch);
-    score[bit] = best - bias_ * length[bit];
+    const Clock after{
+        clock.time + shift + length[bit],
+        std::clamp(clock.stretch + kClockGain * shift / length[bit], -kMaxStretch, kMaxStretch)};
+    const double value = best - bias_ * length[bit];
+    next[bit] = after;
+    score[bit] = value;
+    if (keep != nullptr) keep->next[bit] = after, keep->score[bit] = value;
   }
 }
 

@@ -108,7 +108,9 @@ class PayloadDecoder {
   void scoreBits(const Clock& clock, int polarity, double score[2], Clock next[2]) const;
   static std::size_t scoredSlot(const Clock& clock, int polarity);
   void prefetchScored(const Clock& clock, int polarity) const;
-  void scoreBitsAfresh(const Clock& clock, int polarity, double score[2], Clock next[2]) const;
+  struct Scored;
+  void scoreBitsAfresh(const Clock& clock, int polarity, double score[2], Clock next[2],
+                       Scored* keep) const;
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
