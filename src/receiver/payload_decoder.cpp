@@ -85,9 +85,6 @@ double PayloadDecoder::bitLike(double t, int direction) const {
   return most;
 }
 
-// Each bit may begin a step early or late; a shift also adjusts the clock's
-// stretch, so that a sender running fast or slow is followed without a shift
-// at every bit (a second-order loop).
 std::size_t PayloadDecoder::scoredSlot(const Clock& clock, int polarity) {
   std::uint64_t time, stretch;
   std::memcpy(&time, &clock.time, sizeof time);
@@ -103,6 +100,7 @@ void PayloadDecoder::prefetchScored(const Clock& clock, int polarity) const {
   __builtin_prefetch(&scored_[scoredSlot(clock, polarity)]);
 }
 
+// Looked up first among the clocks scored since the stretch was prepared.
 void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2],
                                Clock next[2]) const {
   std::uint64_t time, stretch;
@@ -126,8 +124,11 @@ void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2]
   scoreBitsAfresh(clock, polarity, score, next, nullptr);
 }
 
-// Each result is stored where it goes straight from where it was worked
-// out: read back at once as a whole, it would wait for its parts.
+// Each bit may begin a step early or late; a shift also adjusts the clock's
+// stretch, so that a sender running fast or slow is followed without a shift
+// at every bit (a second-order loop). Each result is stored where it goes
+// straight from where it was worked out: read back at once as a whole, it
+// would wait for its parts.
 void PayloadDecoder::scoreBitsAfresh(const Clock& clock, int polarity, double score[2],
                                      Clock next[2], Scored* keep) const {
   // A 1-bit's half is a whole 0-bit: the two correlations share their
