@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "receiver/frame_geometry.h"
 
@@ -25,7 +26,7 @@ ActivityGate::ActivityGate(double sampleRate, int channels)
       blockLength_(std::max<std::size_t>(8, std::lround(sampleRate / 1000))),
       lag_(std::max<std::size_t>(1, std::lround(13 * sampleRate / kReferenceRate))),
       longestRun_(static_cast<std::uint64_t>(0.35 * sampleRate)),
-      history_(channels, std::vector<float>(lag_, 0.0f)),
+      history_(channels, std::vector<float>(lag_ + blockLength_, 0.0f)),
       sampleRise_(std::exp2(1 / (kFloorDoublingSeconds * sampleRate))),
       blockRise_(std::pow(sampleRise_, static_cast<double>(blockLength_))) {}
 
@@ -36,37 +37,30 @@ ActivityGate::ActivityGate(double sampleRate, int channels)
 bool ActivityGate::pushBlock(const float* const* channels, std::size_t count, ActivityRun* ended) {
   double energy = 0;
   for (int c = 0; c < channels_; ++c) {
-    const float* x = channels[c];
-    std::vector<float>& past = history_[c];
-    float sum = 0;
-    const std::size_t head = std::min(lag_, count);
-    for (std::size_t n = 0; n < head; ++n) {
-      const float d = x[n] - past[n];
-      sum += d * d;
-    }
-    // Eight independent sums, so that the loop vectorises without
-    // reassociating floating-point additions.
-    float lanes[8] = {};
-    std::size_t n = lag_;
+    // The last `lag_` samples of the block before, then this block's.
+    float* past = history_[c].data();
+    std::memcpy(past + lag_, channels[c], count * sizeof(float));
+    // Eight sums at a time, one vector of them.
+    using Lanes = float __attribute__((vector_size(8 * sizeof(float))));
+    Lanes sums = {};
+    std::size_t n = 0;
     for (; n + 8 <= count; n += 8) {
-      for (std::size_t l = 0; l < 8; ++l) {
-        const float d = x[n + l] - x[n + l - lag_];
-        lanes[l] += d * d;
-      }
+      Lanes now, then;
+      std::memcpy(&now, past + lag_ + n, sizeof now);
+      std::memcpy(&then, past + n, sizeof then);
+      const Lanes d = now - then;
+      sums += d * d;
     }
+    float lanes[8];
+    std::memcpy(lanes, &sums, sizeof lanes);
     for (; n < count; ++n) {
-      const float d = x[n] - x[n - lag_];
-      lanes[0] += d * d;
+      const float d = past[lag_ + n] - past[n];
+      lanes[n % 8] += d * d;
     }
-    for (float lane : lanes) sum += lane;
+    energy += ((lanes[0] + lanes[4]) + (lanes[1] + lanes[5])) +
+              ((lanes[2] + lanes[6]) + (lanes[3] + lanes[7]));
     // Keep the last `lag_` samples for the next block.
-    if (count >= lag_) {
-      std::copy(x + count - lag_, x + count, past.begin());
-    } else {
-      std::rotate(past.begin(), past.begin() + count, past.end());
-      std::copy(x, x + count, past.end() - count);
-    }
-    energy += sum;
+    std::memmove(past, past + count, lag_ * sizeof(float));
   }
   energy /= static_cast<double>(count);
 

@@ -38,9 +38,10 @@ class ActivityGate {
   const std::size_t blockLength_;
   const std::size_t lag_;  // the comb's delay: 13 samples at 44100 Hz
   const std::uint64_t longestRun_;
-  std::vector<std::vector<float>> history_;  // the last `lag_` samples per channel
-  const double sampleRise_, blockRise_;      // how fast the floor may rise
-  double floor_ = -1;                        // slowly rising minimum of smoothed energies
+  std::vector<std::vector<float>>
+      history_;  // per channel: the last `lag_` samples, then room for a block
+  const double sampleRise_, blockRise_;  // how fast the floor may rise
+  double floor_ = -1;                    // slowly rising minimum of smoothed energies
   double smoothed_ = 0;
   int blocksSeen_ = 0;
   double previous_ = 0;  // the energy of the block before

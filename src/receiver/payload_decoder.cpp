@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 
@@ -26,6 +28,8 @@ constexpr double kMaxStretch = 0.06;
 constexpr int kRankingBits = 16;
 constexpr std::size_t kStartsRescored = 6;
 constexpr int kStartsKept = 2;  // one while any bits are read
+// How often (in bits) a walk checks whether it can still rank among the best.
+constexpr int kBoundEvery = 2;
 // How many times the start may move by a 0-bit to a better reading.
 constexpr int kStartMoves = 2;
 // A reading of any bits this sure that is a command needs no search over the
@@ -58,6 +62,9 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
       statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
   if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
   const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
+  scored_.resize(std::size_t{1} << kScoredBits);
+  first_.resize(layouts_.size() * (kLongestPayload + 2));
+  last_.resize(first_.size());
   alive_.resize(layouts_.size());
   reached_.resize(layouts_.size());
   score_.resize(states);
@@ -78,33 +85,89 @@ double PayloadDecoder::bitLike(double t, int direction) const {
   return most;
 }
 
+std::size_t PayloadDecoder::scoredSlot(const Clock& clock, int polarity) {
+  std::uint64_t time, stretch;
+  std::memcpy(&time, &clock.time, sizeof time);
+  std::memcpy(&stretch, &clock.stretch, sizeof stretch);
+  const std::uint64_t hash =
+      (time ^ (stretch * 0x9E3779B97F4A7C15ULL) ^ static_cast<std::uint64_t>(polarity > 0)) *
+      0xD6E8FEB86659FD93ULL;
+  return static_cast<std::size_t>(hash >> (64 - kScoredBits));
+}
+
+// The next state's scores are looked up while this one's are worked out.
+void PayloadDecoder::prefetchScored(const Clock& clock, int polarity) const {
+  __builtin_prefetch(&scored_[scoredSlot(clock, polarity)]);
+}
+
+// Looked up first among the clocks scored since the stretch was prepared.
+void PayloadDecoder::scoreBits(const Clock& clock, int polarity, double score[2],
+                               Clock next[2]) const {
+  std::uint64_t time, stretch;
+  std::memcpy(&time, &clock.time, sizeof time);
+  std::memcpy(&stretch, &clock.stretch, sizeof stretch);
+  constexpr std::size_t mask = (std::size_t{1} << kScoredBits) - 1;
+  std::size_t i = scoredSlot(clock, polarity);
+  for (int probe = 0; probe < 8; ++probe, i = (i + 1) & mask) {
+    Scored& entry = scored_[i];
+    if (entry.stamp != stamp_) {
+      entry.time = time, entry.stretch = stretch, entry.stamp = stamp_, entry.polarity = polarity;
+      scoreBitsAfresh(clock, polarity, score, next, &entry);
+      return;
+    }
+    if (entry.time == time && entry.stretch == stretch && entry.polarity == polarity) {
+      score[0] = entry.score[0], score[1] = entry.score[1];
+      next[0] = entry.next[0], next[1] = entry.next[1];
+      return;
+    }
+  }
+  scoreBitsAfresh(clock, polarity, score, next, nullptr);
+}
+
 // Each bit may begin a step early or late; a shift also adjusts the clock's
 // stretch, so that a sender running fast or slow is followed without a shift
-// at every bit (a second-order loop).
-void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double score[2],
-                               Clock next[2]) const {
+// at every bit (a second-order loop). Each result is stored where it goes
+// straight from where it was worked out: read back at once as a whole, it
+// would wait for its parts.
+void PayloadDecoder::scoreBitsAfresh(const Clock& clock, int polarity, double score[2],
+                                     Clock next[2], Scored* keep) const {
   // A 1-bit's half is a whole 0-bit: the two correlations share their
   // prefix sums at t and t + 2h and, per shift, need only four of them.
   const double half = half_[0] * (1 + clock.stretch);
-  double best[2] = {kNone, kNone}, shift[2] = {0, 0};
-  const int shifts = retime ? 1 : 0;
-  for (int s = -shifts; s <= shifts; ++s) {
-    const double t = clock.time + s * step_;
-    const double s0 = prefixAt(t), s1 = prefixAt(t + half), s2 = prefixAt(t + 2 * half),
-                 s4 = prefixAt(t + 4 * half);
-    const double c[2] = {polarity * (2 * s1 - s0 - s2), polarity * (2 * s2 - s0 - s4)};
-    for (int bit = 0; bit < 2; ++bit) {
-      const double length = 2 * half * (bit + 1);
-      const double value = c[bit] - (s != 0 ? shiftCost_ * length : 0);
-      if (value > best[bit]) best[bit] = value, shift[bit] = s * step_;
+  const double sign = polarity;
+  const double length[2] = {2 * half, 2 * half * 2};
+  // Away from the stretch's ends (nearly always) the prefix sums need no clamping.
+  const bool within = clock.time - step_ >= 0 && clock.time + step_ + 4 * half <= lastStep_;
+  const auto correlations = [&](double t, double c[2]) {
+    double s0, s1, s2, s4;
+    if (within) {
+      s0 = prefixWithin(t), s1 = prefixWithin(t + half), s2 = prefixWithin(t + 2 * half),
+      s4 = prefixWithin(t + 4 * half);
+    } else {
+      s0 = prefixAt(t), s1 = prefixAt(t + half), s2 = prefixAt(t + 2 * half),
+      s4 = prefixAt(t + 4 * half);
     }
-  }
+    c[0] = sign * (2 * s1 - s0 - s2);
+    c[1] = sign * (2 * s2 - s0 - s4);
+  };
+  double early[2], centre[2], late[2];
+  correlations(clock.time - step_, early);
+  correlations(clock.time, centre);
+  correlations(clock.time + step_, late);
   for (int bit = 0; bit < 2; ++bit) {
-    const double length = 2 * half * (bit + 1);
-    next[bit].time = clock.time + shift[bit] + length;
-    next[bit].stretch =
-        std::clamp(clock.stretch + kClockGain * shift[bit] / length, -kMaxStretch, kMaxStretch);
-    score[bit] = best[bit] - bias_ * length;
+    // A shift costs a little; on a tie the earliest of the shifts is kept.
+    const double cost = shiftCost_ * length[bit];
+    double best = kNone, shift = 0;
+    if (early[bit] - cost > best) best = early[bit] - cost, shift = -step_;
+    if (centre[bit] > best) best = centre[bit], shift = 0;
+    if (late[bit] - cost > best) best = late[bit] - cost, shift = step_;
+    const Clock after{
+        clock.time + shift + length[bit],
+        std::clamp(clock.stretch + kClockGain * shift / length[bit], -kMaxStretch, kMaxStretch)};
+    const double value = best - bias_ * length[bit];
+    next[bit] = after;
+    score[bit] = value;
+    if (keep != nullptr) keep->next[bit] = after, keep->score[bit] = value;
   }
 }
 
@@ -112,33 +175,78 @@ void PayloadDecoder::scoreBits(Clock clock, int polarity, bool retime, double sc
 // good enough to rank candidate starts and polarities. The score is that of
 // the best prefix, less whatever looks like a bit just before the start (a
 // start that skips the payload's first bits).
-double PayloadDecoder::greedyScore(double t0, int polarity, double searchEnd, bool retime) const {
-  const double before = bitLike(t0, -1);
-  Clock clock{t0, 0};
-  double sum = 0, best = 0;
-  for (int i = 0; i < kLongestPayload && clock.time < searchEnd; ++i) {
+PayloadDecoder::Walk PayloadDecoder::startWalk(double t0) const {
+  Walk walk;
+  walk.clock = {t0, 0};
+  walk.before = bitLike(t0, -1);
+  return walk;
+}
+
+void PayloadDecoder::walkOn(Walk& walk, int polarity, double searchEnd, double floor) const {
+  // Far below the floor, with room for rounding.
+  const double slack = 1e-6 * level_ * 2 * half_[0];
+  const bool bounded = floor != kNone;
+  const Reach reach = reachTo(searchEnd);
+  for (; walk.bits < kLongestPayload && walk.clock.time < searchEnd; ++walk.bits) {
+    if (bounded && walk.bits % kBoundEvery == 0 &&
+        std::max(walk.best, walk.sum + reachable(reach, walk.clock.time, walk.bits)) - walk.before <
+            floor - slack) {
+      walk.abandoned = true;
+      return;
+    }
     Clock next[2];
     double c[2];
-    scoreBits(clock, polarity, retime, c, next);
-    const double c0 = c[0], c1 = c[1];
-    const Clock& next0 = next[0];
-    const Clock& next1 = next[1];
-    sum += std::max(c0, c1);
-    clock = c0 >= c1 ? next0 : next1;
-    best = std::max(best, sum);
+    scoreBits(walk.clock, polarity, c, next);
+    walk.sum += std::max(c[0], c[1]);
+    walk.clock = c[0] >= c[1] ? next[0] : next[1];
+    walk.best = std::max(walk.best, walk.sum);
   }
-  return best - before;
+}
+
+// A bit's score is at most the excess of its samples' magnitudes over the
+// bias; the bits that follow cover the time up to the last one's end, each
+// overlapping the one before by at most a step.
+PayloadDecoder::Reach PayloadDecoder::reachTo(double searchEnd) const {
+  const double end = searchEnd + step_ + 4 * half_[0] * (1 + kMaxStretch) + 1;
+  const double last = static_cast<double>(excess_.size() - 1);
+  const auto b = static_cast<std::size_t>(std::clamp(std::ceil(end) + 1, 0.0, last));
+  return {end, b};
+}
+
+double PayloadDecoder::reachable(const Reach& reach, double from, int bits) const {
+  const double shortest = 2 * half_[0] * (1 - kMaxStretch);
+  const double last = static_cast<double>(excess_.size() - 1);
+  const auto a = static_cast<std::size_t>(std::clamp(std::floor(from - step_ - 1), 0.0, last));
+  const double count =
+      std::min(static_cast<double>(kLongestPayload - bits), (reach.end - from) / shortest + 2);
+  return excess_[std::max(a, reach.last)] - excess_[a] + count * step_ * peak_;
 }
 
 void PayloadDecoder::prepare(const std::vector<float>& signal, double level) {
-  prefix_.resize(signal.size() + 1);
-  prefix_[0] = 0;
-  for (std::size_t i = 0; i < signal.size(); ++i) prefix_[i + 1] = prefix_[i] + signal[i];
-  prefix_.push_back(prefix_.back());
   lastStep_ = static_cast<double>(signal.size());
   level_ = level;
   bias_ = kBias * level;
   shiftCost_ = kShiftCost * level;
+  if (++stamp_ == 0) {
+    for (Scored& entry : scored_) entry.stamp = 0;
+    stamp_ = 1;
+  }
+  // Both prefix sums in one pass (the last step of prefix_ repeats, so that
+  // interpolation at the very end reads within it).
+  prefix_.resize(signal.size() + 2);
+  excess_.resize(signal.size() + 1);
+  double sum = 0, excessSum = 0;
+  prefix_[0] = excess_[0] = peak_ = 0;
+  for (std::size_t i = 0; i < signal.size(); ++i) {
+    const double x = signal[i];
+    sum += x;
+    prefix_[i + 1] = sum;
+    const double excess = std::max(0.0, std::fabs(x) - bias_);
+    excessSum += excess;
+    excess_[i + 1] = excessSum;
+    peak_ = std::max(peak_, excess);
+  }
+  prefix_[signal.size() + 1] = sum;
 }
 
 double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t origin,
@@ -154,7 +262,7 @@ double PayloadDecoder::shortfall(const std::vector<float>& signal, std::uint64_t
     const int b = bit == '1';
     double scores[2];
     Clock next[2];
-    scoreBits(clock, polarity, true, scores, next);
+    scoreBits(clock, polarity, scores, next);
     fit += scores[b];
     clock = next[b];
   }
@@ -191,15 +299,22 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
                                  bool hasMargins) {
   // A start a 0-bit off that reads better is the start.
   std::optional<Payload> twins[2];
+  std::optional<Payload> left;  // the reading the start moved from: one twin of the new start
   for (int moves = 0; moves <= kStartMoves; ++moves) {
     int better = -1;
     for (int side = 0; side < 2; ++side) {
-      twins[side] = searchSequences(payload->start + (2 * side - 1) * 2 * half_[0],
-                                    payload->polarity, relativeEnd, false);
+      const double start = payload->start + (2 * side - 1) * 2 * half_[0];
+      if (left && std::memcmp(&left->start, &start, sizeof start) == 0) {
+        twins[side] = std::move(left);
+        left.reset();
+      } else {
+        twins[side] = searchSequences(start, payload->polarity, relativeEnd, false);
+      }
       const double fit = better < 0 ? payload->fit : twins[better]->fit;
       if (twins[side] && twins[side]->fit > fit) better = side;
     }
     if (better < 0 || moves == kStartMoves) break;
+    left = std::move(payload);
     payload = std::move(twins[better]);
     hasMargins = false;
   }
@@ -230,25 +345,38 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
 
   // Activity is measured in blocks, and noise can open a run early: the first
   // bit begins a little before the onset or up to a few blocks after it.
-  std::vector<Start> starts;
+  std::vector<Start>& starts = starts_;
+  starts.clear();
   const double from = relativeOnset - (startSpread ? *startSpread : 2 * half_[0]);
   const double to = relativeOnset + (startSpread ? *startSpread : 3 * onsetSlack_ + half_[0]);
   const double rankingSpan = kRankingBits * 3 * half_[0];
-  for (double t = from; t <= to; t += 0.4 * half_[0]) {
-    for (int polarity : {1, -1}) {
-      starts.push_back(
-          {t, polarity, greedyScore(t, polarity, std::min(relativeEnd, t + rankingSpan), true)});
-    }
-  }
   // The same stretch of time after each candidate (as many bits as would
   // fit, half of them 1s) ranks them; the few best are scored over the whole
-  // stretch.
+  // stretch. A walk that can no longer reach the few best so far is left.
+  std::array<double, kStartsRescored> few;
+  few.fill(kNone);
+  for (double t = from; t <= to; t += 0.4 * half_[0]) {
+    for (int polarity : {1, -1}) {
+      Start start{t, polarity, kNone, startWalk(t)};
+      walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), few.back());
+      if (!start.walk.abandoned) {
+        start.score = walkScore(start.walk);
+        if (start.score > few.back()) {
+          few.back() = start.score;
+          std::sort(few.begin(), few.end(), std::greater<>());
+        }
+      }
+      starts.push_back(start);
+    }
+  }
   const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
   const std::size_t rescored = std::min(kStartsRescored, starts.size());
   std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
   starts.resize(rescored);
   for (Start& start : starts) {
-    start.score = greedyScore(start.time, start.polarity, relativeEnd, true);
+    if (start.walk.abandoned) start.walk = startWalk(start.time), start.walk.abandoned = false;
+    walkOn(start.walk, start.polarity, relativeEnd, kNone);
+    start.score = walkScore(start.walk);
   }
   std::sort(starts.begin(), starts.end(), byScore);
   // Inverted, a run of 0-bits is the same run half a period later, and a run
@@ -351,22 +479,21 @@ int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
   for (int g = 0; g < layouts; ++g) {
     score_[at(g, 0)] = 0;
     clock_[at(g, 0)] = {t0, 0};
+    first_[level(g, 0)] = last_[level(g, 0)] = 0;
     alive_[g] = constrained_ || g == layouts - 1;
     reached_[g] = 0;
   }
   int lastLevel = 0;
   const double beam = kBeamBits * level_ * 2 * half_[0];
   for (int i = 0; i < kLongestPayload; ++i) {
-    // Only the levels a layout reaches are cleared, and read.
+    // Only the levels a layout reaches are set, and read.
     for (int g = 0; g < layouts; ++g) {
-      if (!alive_[g]) continue;
-      for (int k = i + 1; k <= 2 * i + 2; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
-      reached_[g] = i + 1;
+      if (alive_[g]) reached_[g] = i + 1;
     }
     double levelBest = kNone;
     for (int g = 0; g < layouts; ++g) {
       if (!alive_[g]) continue;
-      for (int k = i; k <= 2 * i; ++k) {
+      for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
         levelBest = std::max(levelBest, score_[at(g, stateIndex(i, k))]);
       }
     }
@@ -386,19 +513,27 @@ int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
 // by the bit its layout fixes there). Whether any state was extended.
 bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, double searchEnd) {
   const PayloadLayout& layout = layouts_[g];
+  int& first = first_[level(g, i + 1)];
+  int& last = last_[level(g, i + 1)];
+  first = 1, last = 0;  // none
   if (i >= layout.longest()) return false;
   const bool forced = i < static_cast<int>(layout.prefix.size());
-  bool alive = false;
-  for (int k = i; k <= 2 * i; ++k) {
+  // The next level's states that the states of this one can reach hold no
+  // score until a state within the beam reaches them.
+  const int lo = first_[level(g, i)], hi = last_[level(g, i)];
+  for (int k = lo + 1; k <= hi + 2; ++k) score_[at(g, stateIndex(i + 1, k))] = kNone;
+  for (int k = lo; k <= hi; ++k) {
     const int s = at(g, stateIndex(i, k));
+    if (k < hi) prefetchScored(clock_[s + 1], polarity);
     if (score_[s] < floor || clock_[s].time > searchEnd + 2 * half_[0]) {
       bitScore_[0][s] = bitScore_[1][s] = kNone;
       continue;
     }
-    alive = true;
+    if (first > last) first = k + 1;
+    last = k + 2;
     Clock nexts[2];
     double scores[2];
-    scoreBits(clock_[s], polarity, true, scores, nexts);
+    scoreBits(clock_[s], polarity, scores, nexts);
     for (int b = 0; b < 2; ++b) {
       if (forced && layout.prefix[i] != '0' + b) {
         bitScore_[b][s] = kNone;
@@ -413,7 +548,7 @@ bool PayloadDecoder::extendLayout(int g, int i, int polarity, double floor, doub
       }
     }
   }
-  return alive;
+  return first <= last;
 }
 
 // A payload is followed by the stop level and silence: a state ends a
@@ -435,8 +570,8 @@ PayloadDecoder::End PayloadDecoder::chooseEnd(double searchEnd, int lastLevel, d
   std::array<End, kMostLayouts> ends{};
   for (int g = 0; g < layouts; ++g) {
     for (int n : kPayloadLengths) {
-      if (n > lastLevel) break;
-      for (int k = n; k <= 2 * n; ++k) {
+      if (n > lastLevel || n > reached_[g]) break;
+      for (int k = first_[level(g, n)]; k <= last_[level(g, n)]; ++k) {
         if (!isEnd(g, n, k, searchEnd)) continue;
         const int s = at(g, stateIndex(n, k));
         const double fit = score_[s] - bitLike(clock_[s].time, 1);
@@ -488,7 +623,7 @@ double PayloadDecoder::weakestMargin(const End& best, const End& runnerUp, const
   // Backward: the best way from each state of the layout to any of its ends.
   std::fill(backward_.begin() + at(g, 0), backward_.begin() + at(g + 1, 0), kNone);
   for (int i = reached_[g]; i >= 0; --i) {
-    for (int k = i; k <= 2 * i; ++k) {
+    for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone) continue;
       if (isEnd(g, i, k, searchEnd)) backward_[s] = 0;
@@ -505,7 +640,7 @@ double PayloadDecoder::weakestMargin(const End& best, const End& runnerUp, const
   for (int i = 0; i < best.bits; ++i) {
     const int flipped = bits[i] == '1' ? 0 : 1;
     double alternative = kNone;
-    for (int k = i; k <= 2 * i; ++k) {
+    for (int k = first_[level(g, i)]; k <= last_[level(g, i)]; ++k) {
       const int s = at(g, stateIndex(i, k));
       if (score_[s] == kNone || bitScore_[flipped][s] == kNone) continue;
       const double after = backward_[at(g, stateIndex(i + 1, k + 1 + flipped))];

@@ -65,41 +65,70 @@ class PayloadDecoder {
   static constexpr int kMostLayouts = 8;
   int at(int layout, int state) const { return layout * statesPerLayout_ + state; }
 
-  struct Start {
-    double time;
-    int polarity;
-    double score;
-  };
-
-  // The prefix sum at a fractional index, constant beyond both ends (the
-  // last step interpolates to the end).
-  double prefixAt(double t) const {
-    const double u = std::clamp(t, 0.0, lastStep_);
-    const auto i = static_cast<std::size_t>(u);
-    const double f = u - static_cast<double>(i);
-    return prefix_[i] + f * (prefix_[i + 1] - prefix_[i]);
-  }
-  // Correlation with a square period of half-length h starting at t
-  // (relative to the signal's start).
-  double correlation(double h, double t, int polarity) const {
-    return polarity * (2 * prefixAt(t + h) - prefixAt(t) - prefixAt(t + 2 * h));
-  }
   // A bit's clock: where it begins, and how much longer than nominal the
   // sender's bits have lately been.
   struct Clock {
     double time;
     double stretch;
   };
+  // A greedy walk from a start, bit by bit, always the better waveform:
+  // resumable, so that a start ranked on part of the stretch is scored on the
+  // rest without walking its first bits again.
+  struct Walk {
+    Clock clock{0, 0};
+    double sum = 0, best = 0;
+    double before = 0;  // what looks like a bit just before the start
+    int bits = 0;
+    bool abandoned = false;  // it could no longer score what it had to
+  };
+  struct Start {
+    double time;
+    int polarity;
+    double score;
+    Walk walk;
+  };
+
+  // The prefix sum at a fractional index, constant beyond both ends (the
+  // last step interpolates to the end).
+  double prefixAt(double t) const { return prefixWithin(std::clamp(t, 0.0, lastStep_)); }
+  // The same for 0 <= u <= lastStep_ (a signed conversion is the cheaper one).
+  double prefixWithin(double u) const {
+    const auto i = static_cast<std::int64_t>(u);
+    const double f = u - static_cast<double>(i);
+    const double* p = prefix_.data() + i;
+    return p[0] + f * (p[1] - p[0]);
+  }
+  // Correlation with a square period of half-length h starting at t
+  // (relative to the signal's start).
+  double correlation(double h, double t, int polarity) const {
+    return polarity * (2 * prefixAt(t + h) - prefixAt(t) - prefixAt(t + 2 * h));
+  }
   // The best re-timed correlation of each bit at the clock, less the costs,
   // and the clock of the bit that would follow it.
-  void scoreBits(Clock clock, int polarity, bool retime, double score[2], Clock next[2]) const;
+  void scoreBits(const Clock& clock, int polarity, double score[2], Clock next[2]) const;
+  static std::size_t scoredSlot(const Clock& clock, int polarity);
+  void prefetchScored(const Clock& clock, int polarity) const;
+  struct Scored;
+  void scoreBitsAfresh(const Clock& clock, int polarity, double score[2], Clock next[2],
+                       Scored* keep) const;
   double bitLike(double t, int direction) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
   void readPolarities(const std::vector<Start>& starts, double relativeEnd, bool constrained,
                       std::optional<Payload> (&byPolarity)[2]);
   void settleStart(std::optional<Payload>& payload, double relativeEnd, bool hasMargins);
-  double greedyScore(double t0, int polarity, double searchEnd, bool retime) const;
+  Walk startWalk(double t0) const;
+  // Walks on while bits begin before `searchEnd`; abandons the walk as soon
+  // as its score can no longer reach `floor`.
+  void walkOn(Walk& walk, int polarity, double searchEnd, double floor) const;
+  // The most that bits from `from` on, beginning before a walk's end, can add.
+  struct Reach {
+    double end;        // where the last bit may end
+    std::size_t last;  // the excess's index there
+  };
+  Reach reachTo(double searchEnd) const;
+  double reachable(const Reach& reach, double from, int bits) const;
+  double walkScore(const Walk& walk) const { return walk.best - walk.before; }
   // The best sequence from t0; with `margins`, its bits' margins too.
   std::optional<Payload> searchSequences(double t0, int polarity, double searchEnd, bool margins);
   // Its steps.
@@ -125,6 +154,24 @@ class PayloadDecoder {
   const int statesPerLayout_;
   bool constrained_ = true;  // searches follow the commands' layouts, or any bits only
   std::vector<double> prefix_;
+  // Prefix sums of how far each sample's magnitude exceeds the bias: no bit
+  // over a stretch scores more than that (bounds the walks).
+  std::vector<double> excess_;
+  double peak_ = 0;  // the largest such excess
+  std::vector<Start> starts_;
+  // The bits' scores at each clock met since the stretch was prepared: the
+  // walks from neighbouring starts, the searches from a start and from its
+  // twins one 0-bit either side, meet the same clocks again and again.
+  struct Scored {
+    std::uint64_t time = 0, stretch = 0;  // the clock's bits
+    std::uint32_t stamp = 0;              // the preparation it belongs to
+    int polarity = 0;
+    double score[2] = {0, 0};
+    Clock next[2] = {};
+  };
+  static constexpr int kScoredBits = 12;
+  mutable std::vector<Scored> scored_;
+  std::uint32_t stamp_ = 0;
   double lastStep_ = 0;  // the last index where prefix_ can interpolate
   double level_ = 0;
   double bias_ = 0;  // cost per sample covered: stops a payload in a tail
@@ -134,6 +181,10 @@ class PayloadDecoder {
   // k in i..2i.
   std::vector<double> score_, backward_, bitScore_[2];
   std::vector<Clock> clock_;
+  // Per layout and level: the first and last length whose state is set
+  // (the others hold no score).
+  std::vector<int> first_, last_;
+  int level(int layout, int bits) const { return layout * (kLongestPayload + 2) + bits; }
   std::vector<char> alive_;   // per layout: some state still within the beam
   std::vector<int> reached_;  // per layout: the last level whose states are set
   std::vector<std::uint8_t> bit_;

@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 #include "receiver/activity.h"
@@ -73,7 +75,22 @@ struct Receiver::State {
       if (channels == 2) {
         float* left = ring[0].data() + at;
         float* right = ring[1].data() + at;
-        for (std::size_t f = 0; f < n; ++f) {
+        std::size_t f = 0;
+        if constexpr (std::is_same_v<Sample, float>) {
+          // Four frames at a time: the left and right samples of two vectors
+          // taken apart.
+          using Four = float __attribute__((vector_size(4 * sizeof(float))));
+          for (; f + 4 <= n; f += 4) {
+            Four a, b;
+            std::memcpy(&a, samples + 2 * f, sizeof a);
+            std::memcpy(&b, samples + 2 * f + 4, sizeof b);
+            const Four l = __builtin_shufflevector(a, b, 0, 2, 4, 6) * gain;
+            const Four r = __builtin_shufflevector(a, b, 1, 3, 5, 7) * gain;
+            std::memcpy(left + f, &l, sizeof l);
+            std::memcpy(right + f, &r, sizeof r);
+          }
+        }
+        for (; f < n; ++f) {
           left[f] = static_cast<float>(samples[2 * f]) * gain;
           right[f] = static_cast<float>(samples[2 * f + 1]) * gain;
         }
@@ -119,8 +136,11 @@ struct Receiver::State {
     std::vector<std::vector<float>> band(channels, std::vector<float>(length));
     std::vector<double> energy(channels, 0.0);
     std::vector<bool> repeats(channels, false);
+    // The ring's part up to its end, then the part from its start.
+    const std::size_t at = from % capacity, first = std::min(length, capacity - at);
     for (int c = 0; c < channels; ++c) {
-      for (std::size_t i = 0; i < length; ++i) band[c][i] = ring[c][(from + i) % capacity];
+      std::copy_n(ring[c].begin() + at, first, band[c].begin());
+      std::copy_n(ring[c].begin(), length - first, band[c].begin() + first);
       // A channel that repeats the first (as the accessory's output does)
       // adds nothing: it is left out, with no energy.
       repeats[c] = c > 0 && band[c] == band[0];
