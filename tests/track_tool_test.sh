@@ -82,8 +82,10 @@ bad "a bad end" ":3: the cue's end is not a time" 'WEBVTT\n\n00:01.000 --> 00:02
 bad "no arrow" ":3: a cue needs a timing line" 'WEBVTT\n\n00:01.000 00:02.000\npuff red\n'
 bad "no command" ":3: the cue has no command" 'WEBVTT\n\n00:01.000 --> 00:02.000\n\n'
 bad "an unknown verb" ":6: unknown command \"blink\"" 'WEBVTT\n\nNOTE x\n\n00:01.000 --> 00:02.000\nblink red\n'
+bad "a near verb" ":4: unknown command \"puf\" (did you mean puff?)" 'WEBVTT\n\n00:01.000 --> 00:02.000\npuf red\n'
+bad "a field map short of its colour" ":4: puff needs green" 'WEBVTT\n\n00:01.000 --> 00:02.000\n{"command": "puff", "red": 1}\n'
 bad "a bad colour" ":4: \"mauvish\" is not a colour" 'WEBVTT\n\n00:01.000 --> 00:02.000\npuff mauvish\n'
-bad "a field out of range" ":4: red must be from 0 to 255" 'WEBVTT\n\n00:01.000 --> 00:02.000\n{"command": "puff", "red": 256}\n'
+bad "a field out of range" ":4: red must be from 0 to 255" 'WEBVTT\n\n00:01.000 --> 00:02.000\n{"command": "puff", "red": 256, "green": 0, "blue": 0}\n'
 bad "overlapping cues" ":7: starts at 0.200 s, before the puff of line 4 has finished" \
   'WEBVTT\n\n00:00.000 --> 00:01.000\npuff red\n\n00:00.200 --> 00:01.000\nflash red\n'
 bad "no cue" " holds no cue" 'WEBVTT\n\nNOTE nothing yet\n'

@@ -106,7 +106,6 @@ class Cue(NamedTuple):
     text: str
     command: str
     fields: Dict[str, Any]
-    call: Tuple[str, List[int]]
     frames: int
 
 def parse_track(text: str, name: str = ...) -> List[Cue]: ...

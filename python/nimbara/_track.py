@@ -1,5 +1,6 @@
 """Scent tracks: commands at times along a film, read from WebVTT (or a cue
 file of "SECONDS COMMAND WORDS..." lines), rendered whole or played."""
+import json
 import os
 import time
 from typing import Callable, List, NamedTuple, Optional, Union
@@ -13,20 +14,23 @@ PathLike = Union[str, "os.PathLike[str]"]
 
 class Cue(NamedTuple):
     """One cue: ``start`` in seconds, the file ``line`` of its text, the
-    ``text`` as written, its ``command`` (a verb) and the command's
-    ``fields``."""
+    ``text`` as written, its ``command`` (a verb), the command's ``fields``
+    (its field map, as :func:`nimbara.command` gives it) and the ``frames``
+    its transmission plays."""
     start: float
     line: int
     text: str
     command: str
     fields: dict
-    call: tuple
     frames: int
 
 
 def _cues(found) -> List[Cue]:
-    return [Cue(c["start"], c["line"], c["text"], c["fields"]["command"], c["fields"],
-                tuple(c["call"]), c["frames"]) for c in found]
+    cues = []
+    for c in found:
+        fields = json.loads(c["fields"])
+        cues.append(Cue(c["start"], c["line"], c["text"], fields["command"], fields, c["frames"]))
+    return cues
 
 
 def _read(path: PathLike) -> str:
@@ -57,7 +61,7 @@ def play_track(accessory, track: Union[PathLike, List[Cue]],
     """Sends each cue's command on the accessory when its time comes, counted
     from the call. Returns, and hands on_cue as each is sent, what the tool's
     ``play --json`` prints: ``cue`` (its time in the track), ``sent`` (Unix
-    time) and the command's fields. A command that cannot go out raises as
+    time), ``line`` and the command's field map. A command that cannot go out raises as
     the accessory's own methods do, and the rest of the track is not sent."""
     cues = track if isinstance(track, list) else read_track(track)
     start = time.monotonic()
@@ -66,8 +70,8 @@ def play_track(accessory, track: Union[PathLike, List[Cue]],
         delay = start + cue.start - time.monotonic()
         if delay > 0:
             time.sleep(delay)
-        report = {"cue": cue.start, "sent": time.time(), **cue.fields}
-        accessory._send(*cue.call)
+        report = {"cue": cue.start, "sent": time.time(), "line": cue.line, **cue.fields}
+        accessory.send(cue.fields)
         sent.append(report)
         if on_cue is not None:
             on_cue(report)

@@ -1,6 +1,7 @@
 // Scent tracks: a track's cues with their commands, and the whole track as
 // samples. Parsing and the overlap rule are the library's; this only carries
 // them over.
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/track/track.h>
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
@@ -14,36 +15,6 @@ namespace py = pybind11;
 namespace nimbara::python {
 namespace {
 
-// TEMPORARY, until the vocabulary's field map is in the library: then the
-// fields are json.loads(nimbara::commandFields(command)) and a cue is sent by
-// its field map. Until then: the fields the tool prints, and the name and
-// arguments that Output.transmit (makeCommand) takes for the command.
-py::dict fieldsOf(const Command& c) {
-  py::dict fields;
-  fields["command"] = c.verb;
-  const bool led = c.verb == "flash" || c.verb == "puff";
-  if (led) {
-    fields["red"] = c.red;
-    fields["green"] = c.green;
-    fields["blue"] = c.blue;
-    fields["special"] = c.special;
-  }
-  if (led || c.verb == "spray") fields["time"] = c.time;
-  if (c.verb == "echo") fields["number"] = c.number;
-  if (c.verb == "puff") fields["asks_tank"] = c.asksTank;
-  return fields;
-}
-
-py::tuple callOf(const Command& c) {
-  std::vector<long long> arguments;
-  if (c.verb == "flash" || c.verb == "puff")
-    arguments = {c.red, c.green, c.blue, c.special, c.time};
-  if (c.verb == "spray") arguments = {c.time};
-  if (c.verb == "echo") arguments = {c.number};
-  const std::string name = c.verb == "spray" ? "spray" : operationName(c);
-  return py::make_tuple(name, arguments);
-}
-
 py::list cuesOf(const std::vector<TrackCue>& cues) {
   py::list out;
   for (const auto& cue : cues) {
@@ -51,8 +22,7 @@ py::list cuesOf(const std::vector<TrackCue>& cues) {
     d["start"] = cue.start;
     d["line"] = cue.line;
     d["text"] = cue.text;
-    d["fields"] = fieldsOf(cue.command);
-    d["call"] = callOf(cue.command);
+    d["fields"] = commandFields(cue.command);
     d["frames"] = commandFrames(cue.command);
     out.append(d);
   }
@@ -89,7 +59,8 @@ void bindTrack(py::module_& m) {
         return cuesOf(cues);
       },
       py::arg("text"), py::arg("name"),
-      "The cues of a track's text as dicts (start, line, text, fields, call, frames); "
+      "The cues of a track's text as dicts (start, line, text, fields, frames), the fields "
+      "as the command's field map in JSON; "
       "ValueError \"NAME:LINE: ...\" for a bad one.");
   m.def("render_track", &renderText, py::arg("text"), py::arg("name"),
         "The whole track's samples, int16 of shape (frames, 2).");

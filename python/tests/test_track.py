@@ -1,5 +1,6 @@
 """Scent tracks: read, rendered whole (the same samples as the tool's) and
 played on the virtual accessory at their cues' times."""
+import json
 import subprocess
 
 import numpy as np
@@ -35,14 +36,24 @@ def test_a_track_is_read_with_its_lines_and_fields(track):
     assert [(c.start, c.line, c.command) for c in cues] == [
         (0.25, 7, "puff"), (1.5, 10, "flash"), (2.125, 13, "spray")]
     assert cues[0].fields == {"command": "puff", "red": 255, "green": 165, "blue": 0,
-                              "special": 0, "time": 300, "asks_tank": True}
-    assert cues[1].fields["blue"] == 255 and cues[2].fields == {"command": "spray", "time": 300}
+                              "special": 0, "time": 300, "asks_tank": True, "sprays": 300,
+                              "operation": "doSprayWithLightLedGetTankId"}
+    assert cues[1].fields["blue"] == 255 and cues[2].fields == {
+        "command": "spray", "time": 300, "sprays": 300, "operation": "createSprayProtocol"}
+    # The same field maps as the vocabulary gives for the cues' text.
+    assert cues[0].fields == nimbara.command(*cues[0].text.split())
+    assert cues[1].fields == nimbara.command(json.loads(cues[1].text))
     assert cues[0].text == "puff orange --time 300"
 
 
 def test_bad_tracks_name_the_file_and_line(tmp_path):
-    with pytest.raises(ValueError, match=r"^x.vtt:4: unknown command \"blink\""):
+    with pytest.raises(ValueError, match=r"^x.vtt:4: unknown command \"blink\"$"):
         nimbara.parse_track("WEBVTT\n\n00:01.000 --> 00:02.000\nblink red\n", "x.vtt")
+    with pytest.raises(ValueError, match=r"^x.vtt:4: unknown command \"puf\" \(did you mean puff\?\)$"):
+        nimbara.parse_track("WEBVTT\n\n00:01.000 --> 00:02.000\npuf red\n", "x.vtt")
+    with pytest.raises(ValueError, match=r"^x.vtt:4: puff needs green$"):
+        nimbara.parse_track('WEBVTT\n\n00:01.000 --> 00:02.000\n{"command": "puff", "red": 1}\n',
+                            "x.vtt")
     with pytest.raises(ValueError, match=r"^x.vtt:7: starts at 0.100 s, before the puff of line 4"):
         nimbara.parse_track("WEBVTT\n\n00:00.000 --> 00:01.000\npuff red\n\n"
                             "00:00.100 --> 00:01.000\nflash red\n", "x.vtt")
@@ -71,8 +82,12 @@ def test_a_track_plays_on_the_accessory_at_its_times(track):
         heard = acc.heard()
     assert reported == sent
     assert [s["cue"] for s in sent] == [0.25, 1.5, 2.125]
-    assert [(t.command, t.red, t.green, t.blue, t.time) for t in heard] == [
-        ("puff", 255, 165, 0, 300), ("flash", 0, 128, 255, 250), ("spray", None, None, None, 300)]
+    cues = nimbara.read_track(track)
+    assert [{k: v for k, v in s.items() if k not in ("cue", "sent", "line")} for s in sent] == [
+        c.fields for c in cues]
+    assert [s["line"] for s in sent] == [c.line for c in cues]
+    assert [(t.command, t.time) for t in heard] == [("puff", 300), ("flash", 250), ("spray", 300)]
+    assert [(t.red, t.green, t.blue) for t in heard[:2]] == [(255, 165, 0), (0, 128, 255)]
     # Each command went out as far after the first as its cue is.
     gaps = np.diff([s["sent"] for s in sent]) - np.diff([s["cue"] for s in sent])
     assert np.all(np.abs(gaps) < 0.05), gaps

@@ -136,7 +136,7 @@ async function loadTrack(file) {
   }
   cancel();
   const ctx = audioContext();
-  cues = parsed.map((cue) => ({ ...cue, buffer: bufferOf(ctx, render(cue.operation, cue.arguments)) }));
+  cues = parsed.map((cue) => ({ ...cue, buffer: bufferOf(ctx, render(cue.fields)) }));
   if (textTrack) textTrack.mode = 'disabled';
   textTrack = video.addTextTrack('metadata', file.name);
   textTrack.mode = 'hidden';

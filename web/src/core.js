@@ -195,7 +195,8 @@ export async function createNimbara(wasmBinary) {
   }
 
   // A scent track (WebVTT, or "SECONDS COMMAND" lines) parsed by the library:
-  // its cues in order of time, each with what render() takes for it.
+  // its cues in order of time, each with its command's field map (what
+  // command() gives, and render() takes).
   function parseTrack(text, name = '<track>') {
     if (typeof text !== 'string') throw new TypeError('nimbara: a track is a string');
     const json = withString(text, (t) => withString(String(name), (n) => m._nimbara_web_parse_track(t, n)));

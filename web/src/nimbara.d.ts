@@ -110,11 +110,10 @@ export interface TrackCue {
   /** The cue's text as written. */
   text: string;
   command: 'flash' | 'puff' | 'spray' | 'state' | 'tank' | 'echo';
+  /** The command's field map, as command() gives it; what render() takes. */
+  fields: CommandFields;
   /** Stereo frames at 44100 Hz that the command plays. */
   frames: number;
-  /** What render() takes for the command. */
-  operation: Operation;
-  arguments: number[];
 }
 
 /**

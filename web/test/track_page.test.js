@@ -118,7 +118,7 @@ function checkSounds(heard, cues, { after = Infinity, extra = 0 } = {}) {
   assert.equal(heard.length, cues.length, `${heard.length} sounds for ${cues.length} cues`);
   const offsets = [];
   heard.forEach((sound, i) => {
-    const samples = render(cues[i].operation, cues[i].arguments);
+    const samples = render(cues[i].fields);
     for (let c = 0; c < 2; ++c) {
       const expected = samples.filter((_, k) => k % 2 === c);
       let last = expected.length - 1;

@@ -1,7 +1,9 @@
 // Scent tracks for the JavaScript package: a track's text parsed by the
-// library into JSON, so that the package needs no record layout. No exception
+// library into JSON, each cue's command as the vocabulary's field map, so that
+// the package needs no record layout. No exception
 // leaves: a failure is the JSON {"error": "NAME:LINE: ..."}.
 #include <emscripten/emscripten.h>
+#include <nimbara/api/vocabulary.h>
 #include <nimbara/track/track.h>
 
 #include <cstdio>
@@ -28,20 +30,6 @@ std::string quoted(const std::string& text) {
   return out + "\"";
 }
 
-// TEMPORARY, until the vocabulary's field map is in the library (then
-// nimbara::commandFields(command) gives the fields): the name and arguments
-// that render() takes for the command.
-std::string call(const nimbara::Command& c) {
-  const auto n = [](long long v) { return std::to_string(v); };
-  if (c.verb == "flash" || c.verb == "puff") {
-    return "\"operation\":" + quoted(nimbara::operationName(c)) + ",\"arguments\":[" + n(c.red) +
-           "," + n(c.green) + "," + n(c.blue) + "," + n(c.special) + "," + n(c.time) + "]";
-  }
-  if (c.verb == "spray") return "\"operation\":\"spray\",\"arguments\":[" + n(c.time) + "]";
-  if (c.verb == "echo") return "\"operation\":\"doEcho\",\"arguments\":[" + n(c.number) + "]";
-  return "\"operation\":" + quoted(nimbara::operationName(c)) + ",\"arguments\":[]";
-}
-
 std::string cuesJson(const std::string& text, const std::string& name) {
   try {
     std::string json = "{\"cues\":[";
@@ -51,8 +39,8 @@ std::string cuesJson(const std::string& text, const std::string& name) {
       if (json.back() != '[') json += ",";
       json += "{\"start\":" + std::string(start) + ",\"line\":" + std::to_string(cue.line) +
               ",\"text\":" + quoted(cue.text) + ",\"command\":" + quoted(cue.command.verb) +
-              ",\"frames\":" + std::to_string(nimbara::commandFrames(cue.command)) + "," +
-              call(cue.command) + "}";
+              ",\"fields\":" + nimbara::commandFields(cue.command) +
+              ",\"frames\":" + std::to_string(nimbara::commandFrames(cue.command)) + "}";
     }
     return json + "]}";
   } catch (const std::exception& e) {
