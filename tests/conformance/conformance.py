@@ -50,15 +50,12 @@ BAD_WORDS = [
     ["puf", "red"],
     ["doLightLed", "1", "2", "3"],
 ]
-# The recordings' formats: sox arguments, and whether Python's decode_file
-# reads them yet (FLAC waits for the library's file reader to go through
-# libsndfile; set NIMBARA_CONFORMANCE_PYTHON_FLAC=1 once it does).
-PYTHON_FLAC = os.environ.get("NIMBARA_CONFORMANCE_PYTHON_FLAC") == "1"
+# The recordings' formats, as sox arguments.
 FORMATS = [
-    ("pcm16.wav", [], True),
-    ("pcm24-48k-mono.wav", ["-b", "24", "-r", "48000", "-c", "1"], True),
-    ("float32.wav", ["-e", "floating-point", "-b", "32"], True),
-    ("pcm16-32k.flac", ["-r", "32000"], PYTHON_FLAC),
+    ("pcm16.wav", []),
+    ("pcm24-48k-mono.wav", ["-b", "24", "-r", "48000", "-c", "1"]),
+    ("float32.wav", ["-e", "floating-point", "-b", "32"]),
+    ("pcm16-32k.flac", ["-r", "32000"]),
 ]
 
 failures = []
@@ -107,14 +104,13 @@ def same_numbers(a, b):
 
 
 def check_recordings(tool, python, js, name):
-    if not (len(tool) == len(js) and (python is None or len(python) == len(tool))):
+    if not len(tool) == len(python) == len(js):
         failures.append(f"{name}: {len(tool)} transmissions from the tool, "
-                        f"{'-' if python is None else len(python)} from Python, {len(js)} from JS")
+                        f"{len(python)} from Python, {len(js)} from JS")
         return
     for i, t in enumerate(tool):
-        others = [js[i]] + ([] if python is None else [python[i]])
-        if not all(same_numbers(t, o) for o in others):
-            failures.append(f"{name} #{i}:\n  tool   {t}\n  python {python and python[i]}\n"
+        if not (same_numbers(t, python[i]) and same_numbers(t, js[i])):
+            failures.append(f"{name} #{i}:\n  tool   {t}\n  python {python[i]}\n"
                             f"  js     {js[i]}")
 
 
@@ -132,7 +128,7 @@ def recordings():
         w.setframerate(44100)
         w.writeframes(stream.astype("<i2").tobytes())
     made = []
-    for name, sox, python_reads in FORMATS:
+    for name, sox in FORMATS:
         path = os.path.join(WORK, name)
         subprocess.run(["sox", "-V1", "-G", source, *sox, path], check=True)
         if name.endswith(".wav"):
@@ -144,14 +140,14 @@ def recordings():
             channels = subprocess.run(["soxi", "-c", path], capture_output=True, text=True, check=True)
             js = {"path": raw, "format": "s16", "rate": float(info.stdout),
                   "channels": int(channels.stdout)}
-        made.append((name, path, python_reads, js))
+        made.append((name, path, js))
     return made
 
 
 def main():
     made = recordings()
     request = {"package": PACKAGE, "commands": COMMANDS + BAD_WORDS,
-               "recordings": [js for _, _, _, js in made]}
+               "recordings": [js for _, _, js in made]}
     node = subprocess.run(["node", os.path.join(HERE, "front_end.mjs")], input=json.dumps(request),
                           capture_output=True, text=True)
     if node.returncode != 0:
@@ -164,15 +160,15 @@ def main():
         if "error" not in python_render(words):
             failures.append(f"{' '.join(words)}: accepted")
 
-    decoded = subprocess.run([TOOL, "--json", "decode", *[p for _, p, _, _ in made]],
+    decoded = subprocess.run([TOOL, "--json", "decode", *[p for _, p, _ in made]],
                              capture_output=True, text=True, check=True)
     by_file = {}
     for line in decoded.stdout.splitlines():
         fields = json.loads(line)
         by_file.setdefault(fields.pop("file"), []).append(fields)
-    for (name, path, python_reads, _), js_found in zip(made, js["recordings"]):
+    for (name, path, _), js_found in zip(made, js["recordings"]):
         tool_found = by_file.get(path, [])
-        python_found = [t.fields for t in nimbara.decode_file(path)] if python_reads else None
+        python_found = [t.fields for t in nimbara.decode_file(path)]
         check_recordings(tool_found, python_found, js_found, name)
         if [t["command"] for t in tool_found] != [w[0] if not w[0].startswith("do") else "puff"
                                                   for w in COMMANDS]:
@@ -181,11 +177,10 @@ def main():
     if failures:
         print("conformance: the front ends differ", *failures, sep="\n")
         sys.exit(1)
-    skipped = "" if PYTHON_FLAC else " (Python: FLAC not yet read)"
     heard = sum(len(found) for found in js["recordings"])
     print(f"conformance: {len(COMMANDS)} commands, {len(BAD_WORDS)} bad words and "
           f"{len(made)} recordings ({heard} transmissions) alike in the tool, Python and "
-          f"JavaScript{skipped}")
+          f"JavaScript")
 
 
 main()
