@@ -281,7 +281,7 @@ def test_discovery_and_commands():
            ("command", "flash 300 0 0", "0 to 255"),
            ("command", "x" * 100000, "at most 4096"),
            ("command", "[1, 2]", "not a JSON object"),
-           ("command", "{\"command\": \"spray\", \"red\": 1}", "no field \"red\""),
+           ("command", "{\"command\": \"spray\", \"red\": 1}", "spray carries no red"),
            ("command", "{\"command\": \"state\", \"at\": \"soon\"}", "Unix milliseconds"),
            ("command", "{\"command\": \"state\", \"at\": 99999999999999}", "more than a day"),
            ("command", b"flsh\xff red", "unknown command \"flsh\ufffd\""),
