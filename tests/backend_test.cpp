@@ -13,6 +13,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -141,6 +142,56 @@ TEST(Backends, AnOutputThatRanDryFailsTheTransmissionWhenItSaysSo) {
     EXPECT_GE(device->underruns(), 1u);
     EXPECT_EQ(status, report ? NIMBARA_AUDIO_ERR_RAN_DRY : 0) << "reportRunDry " << report;
   }
+}
+
+TEST(Backends, AThreadsOwnBackendTakesItsTransmissionsAndLeavesTheOthersAlone) {
+  VirtualDevice::Options fast;
+  fast.timeScale = 0.01;
+  const auto makeDevice = [&] { return std::make_shared<VirtualDevice>(fast); };
+  const auto send = [](int red) {
+    return executeFunction(createLightLedProtocol(red, 2, 3, 4, 5), 1, 17640, nullptr);
+  };
+  // Each command alone on the process-wide backend, for reference.
+  std::vector<std::vector<std::int16_t>> alone;
+  for (const int red : {10, 200}) {
+    auto device = makeDevice();
+    nimbara::platform::setBackend(device);
+    ASSERT_EQ(send(red), 0);
+    nimbara::platform::waitUntilIdle();
+    alone.push_back(device->enqueuedSamples());
+  }
+  ASSERT_NE(alone[0], alone[1]);
+
+  auto shared = makeDevice();
+  nimbara::platform::setBackend(shared);
+  std::vector<std::shared_ptr<VirtualDevice>> own = {makeDevice(), makeDevice()};
+  std::int32_t status[2] = {-1, -1};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([&, i] {
+      const nimbara::platform::ThreadBackendScope scope(own[i]);
+      status[i] = send(i == 0 ? 10 : 200);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  nimbara::platform::waitUntilIdle();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(status[i], 0);
+    EXPECT_EQ(own[i]->enqueuedSamples(), alone[i]) << "thread " << i;
+  }
+  EXPECT_TRUE(shared->enqueuedSamples().empty());
+
+  // Scopes nest, and the process-wide backend is back after the last.
+  {
+    const nimbara::platform::ThreadBackendScope outer(own[0]);
+    {
+      const nimbara::platform::ThreadBackendScope inner(own[1]);
+      EXPECT_EQ(nimbara::platform::currentBackend(), own[1]);
+    }
+    EXPECT_EQ(nimbara::platform::currentBackend(), own[0]);
+  }
+  EXPECT_EQ(nimbara::platform::currentBackend(), shared);
+  nimbara::platform::setBackend(nullptr);
 }
 
 }  // namespace

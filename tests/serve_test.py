@@ -281,7 +281,7 @@ def test_discovery_and_commands():
            ("command", "flash 300 0 0", "0 to 255"),
            ("command", "x" * 100000, "at most 4096"),
            ("command", "[1, 2]", "not a JSON object"),
-           ("command", "{\"command\": \"spray\", \"red\": 1}", "no field \"red\""),
+           ("command", "{\"command\": \"spray\", \"red\": 1}", "spray carries no red"),
            ("command", "{\"command\": \"state\", \"at\": \"soon\"}", "Unix milliseconds"),
            ("command", "{\"command\": \"state\", \"at\": 99999999999999}", "more than a day"),
            ("command", b"flsh\xff red", "unknown command \"flsh\ufffd\""),
@@ -342,20 +342,26 @@ def test_order_queue_and_absence():
     broker = Broker()
     wav = os.path.join(WORK, "many.wav")
     watch = Watch(broker, "nimbara/+/+/result")
-    fast = Service(broker, "fast", "--device", "wav:" + wav, "--queue", "1000")
+    # A second output plays at the same time; each keeps to its own commands.
+    other = os.path.join(WORK, "other.wav")
+    fast = Service(broker, "fast", "--device", "wav:" + wav, "--device", "wav:" + other,
+                   "--queue", "1000")
     check(wait_online(broker, "fast"), "the fast service is online")
     lines = [json.dumps({"command": "echo", "number": n, "id": n}) for n in range(1, 1001)]
     started = time.monotonic()
+    broker.publish_lines("nimbara/fast/other/command", ["state"] * 200)
     broker.publish_lines("nimbara/fast/many/command", lines)
     results = watch.wait_count("nimbara/fast/many/result", 1000, timeout=600)
     took = time.monotonic() - started
+    others = watch.wait_count("nimbara/fast/other/result", 200, timeout=600)
     check(len(results) == 1000, "a thousand results", str(len(results)))
     check([r.get("id") for r in results] == list(range(1, 1001)), "in arrival order")
-    check(all(r.get("result") == "done" for r in results), "all done")
+    check(all(r.get("result") == "done" for r in results + others), "all done")
     print(f"1000 echo commands on the WAV output: {took:.1f} s", flush=True)
     check(fast.stop() == 0, "the fast service stops cleanly")
     one = tool_wav("echo", "1")
     check(len(samples_of(wav)) == 1000 * len(one), "the WAV output holds a thousand transmissions")
+    check(samples_of(other) == 200 * tool_wav("state"), "the other output holds only its own")
 
     # A real-time virtual output with room for two waiting commands: six at
     # once leave at least three full.

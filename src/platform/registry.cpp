@@ -6,6 +6,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "platform/backend_registry.h"
 
@@ -32,6 +33,8 @@ constexpr std::array kBackends = {
 
 std::mutex backendMutex;
 std::shared_ptr<Backend> selected;
+// A thread's own backend, set by ThreadBackendScope; only that thread reads it.
+thread_local std::shared_ptr<Backend> threadBackend;
 
 // The first backend that can play here; the virtual device only where the
 // library has no real output, so that a machine without sound is told so
@@ -80,7 +83,15 @@ void setBackend(std::shared_ptr<Backend> backend) {
   selected = std::move(backend);
 }
 
+ThreadBackendScope::ThreadBackendScope(std::shared_ptr<Backend> backend)
+    : previous_(std::exchange(threadBackend, std::move(backend))) {}
+
+ThreadBackendScope::~ThreadBackendScope() {
+  threadBackend = std::move(previous_);
+}
+
 std::shared_ptr<Backend> currentBackend() {
+  if (threadBackend) return threadBackend;
   std::lock_guard lock(backendMutex);
   if (!selected) selected = defaultEntry().make({});
   return selected;

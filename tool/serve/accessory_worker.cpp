@@ -5,15 +5,6 @@
 #include "output_choice.h"
 
 namespace tool::serve {
-namespace {
-
-// The library sends on one current backend at a time: outputs take turns.
-std::mutex& sendTurn() {
-  static std::mutex turn;
-  return turn;
-}
-
-}  // namespace
 
 AccessoryWorker::AccessoryWorker(std::shared_ptr<nimbara::platform::Backend> backend,
                                  std::size_t capacity, Finished finished)
@@ -91,10 +82,9 @@ Outcome AccessoryWorker::play(const Job& job) {
     return {3,
             "No device. The audio route \"" + presence.route + "\" has no headphones plugged in"};
   }
-  std::lock_guard turn(sendTurn());
-  nimbara::platform::setBackend(backend_);
+  // This worker's output for its thread alone: the workers play at once.
+  const nimbara::platform::ThreadBackendScope output(backend_);
   const std::int32_t status = nimbara::sendCommand(job.command);
-  nimbara::platform::waitUntilIdle();
   if (status != 0) {
     return {1, std::string(nimbaraAudioStatusText(status)) + " (status " + std::to_string(status) +
                    "); the command did not go out whole"};

@@ -2,7 +2,6 @@
 
 #include <nimbara/nimbara.h>
 
-#include <cstring>
 #include <set>
 #include <stdexcept>
 
@@ -31,26 +30,37 @@ std::string outputName(const std::string& device) {
   return topicLevel(device);
 }
 
+namespace {
+
+// The default backend's outputs where the presence rule sees headphones, or
+// the default output when it sees them on none.
+std::vector<std::string> outputsWithHeadphones(const std::string& route) {
+  const std::string scheme = nimbara::platform::defaultBackendName();
+  std::vector<nimbara::platform::OutputInfo> outputs;
+  const std::int32_t status = nimbara::platform::makeBackend(scheme, route)->listOutputs(&outputs);
+  if (status == NIMBARA_AUDIO_ERR_NO_SERVER) {
+    throw std::runtime_error("no audio server could be reached; name outputs with --device");
+  }
+  if (status != NIMBARA_AUDIO_OK) {
+    throw std::runtime_error(std::string("cannot list the outputs: ") +
+                             nimbaraAudioStatusText(status) + "; name outputs with --device");
+  }
+  std::vector<std::string> chosen;
+  for (const auto& output : outputs) {
+    if (!nimbara::routeNamesHeadset(output.route)) continue;
+    // A backend with a single output lists it under its own scheme.
+    chosen.push_back(output.name == scheme ? scheme : scheme + ":" + output.name);
+  }
+  if (chosen.empty()) chosen.push_back(scheme);
+  return chosen;
+}
+
+}  // namespace
+
 std::vector<ServedOutput> chooseOutputs(const std::vector<std::string>& devices,
                                         const std::string& route) {
   std::vector<std::string> chosen = devices;
-#ifdef NIMBARA_TOOL_PULSE
-  if (chosen.empty()) {
-    nimbara::platform::PulseDevice server;
-    std::vector<nimbara::platform::PulseDevice::SinkSummary> sinks;
-    if (server.listSinks(&sinks) != 0) {
-      throw std::runtime_error("no audio server could be reached; name outputs with --device");
-    }
-    for (const auto& sink : sinks) {
-      if (presenceOf(*nimbara::platform::makeBackend("pulse:" + sink.name)).present) {
-        chosen.push_back("pulse:" + sink.name);
-      }
-    }
-    if (chosen.empty()) chosen.push_back("pulse");
-  }
-#else
-  if (chosen.empty()) chosen.push_back("virtual");
-#endif
+  if (chosen.empty()) chosen = outputsWithHeadphones(route);
   std::vector<ServedOutput> outputs;
   std::set<std::string> names;
   for (const auto& device : chosen) {
@@ -73,8 +83,7 @@ Presence presenceOf(nimbara::platform::Backend& backend) {
   if (backend.routeName(&presence.route) != 0) return {};
   // The library's presence rule, on this output's route rather than the
   // current backend's.
-  presence.present = presence.route.find("HeadsetInOut") != std::string::npos ||
-                     presence.route.find("Headphone") != std::string::npos;
+  presence.present = nimbara::routeNamesHeadset(presence.route);
   return presence;
 }
 

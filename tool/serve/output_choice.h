@@ -24,8 +24,8 @@ std::string topicLevel(const std::string& name);
 // "pulse" for the default sink, the file's name without ".wav" for wav:PATH.
 std::string outputName(const std::string& device);
 
-// The outputs named with --device, or without any, the sound server's sinks
-// where headphones are present (the default sink when none is). Two outputs
+// The outputs named with --device, or without any, the default backend's
+// outputs where headphones are present (its default output when none is). Two outputs
 // with one topic level, or an unknown device, are a UsageError.
 std::vector<ServedOutput> chooseOutputs(const std::vector<std::string>& devices,
                                         const std::string& route);

@@ -39,8 +39,8 @@ int runServe(int argc, const char* const* argv, bool execute) {
   app.add_option("--discovery-prefix", prefix,
                  "Home Assistant's discovery prefix (default homeassistant)");
   app.add_option("--device", devices,
-                 "an output to serve, repeatable: pulse, pulse:SINK, virtual or wav:PATH "
-                 "(default: every sink with headphones)");
+                 "an output to serve, repeatable: " + nimbara::platform::backendNames() +
+                     " (default: every output with headphones)");
   app.add_option("--route", route, "the route name of virtual and WAV outputs");
   app.add_option("--queue", queue, "commands that may wait per accessory (default 1024)");
   app.add_flag("-v,--verbose", verbose, "the library's log lines too");

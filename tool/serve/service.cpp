@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -44,36 +43,6 @@ void guarded(Call call) noexcept {
   }
 }
 
-// Home Assistant's flash and transition, in seconds, as the LED's time.
-int lightMilliseconds(const Json& request, int fallback) {
-  double seconds = -1;
-  if (const auto flash = request.find("flash"); flash != request.end()) {
-    if (flash->is_number())
-      seconds = flash->get<double>();
-    else if (*flash == "short")
-      seconds = kFlashShortSeconds;
-    else if (*flash == "long")
-      seconds = kFlashLongSeconds;
-    else
-      throw UsageError("flash must be a number of seconds, short or long");
-  } else if (const auto transition = request.find("transition"); transition != request.end()) {
-    if (!transition->is_number()) throw UsageError("transition must be a number of seconds");
-    seconds = transition->get<double>();
-  }
-  if (seconds < 0) return fallback;
-  const double ms = std::round(seconds * 1000);
-  if (!(ms >= 1 && ms <= 32767)) throw UsageError("a flash lasts from 0.001 to 32.767 seconds");
-  return static_cast<int>(ms);
-}
-
-int colourPart(const Json& colour, const char* name) {
-  const auto it = colour.find(name);
-  if (it == colour.end() || !it->is_number_integer() || *it < 0 || *it > 255) {
-    throw UsageError(std::string("color.") + name + " must be 0 to 255");
-  }
-  return it->get<int>();
-}
-
 }  // namespace
 
 Service::Service(const Settings& settings, BrokerAddress broker, std::vector<ServedOutput> outputs)
@@ -96,6 +65,7 @@ Service::Service(const Settings& settings, BrokerAddress broker, std::vector<Ser
 Service::~Service() {
   stopWatching();
   for (auto& [name, accessory] : accessories_) accessory->worker->stop();
+  nimbara::platform::waitUntilIdle();  // the last transmissions' threads end
   if (client_ != nullptr) mosquitto_destroy(client_);
   mosquitto_lib_cleanup();
 }
@@ -150,6 +120,7 @@ int Service::run(const sigset_t& signals) {
 
   stopWatching();
   for (auto& [name, accessory] : accessories_) accessory->worker->stop();
+  nimbara::platform::waitUntilIdle();  // the last transmissions' threads end
   if (!everConnected_) {
     if (loopRunning_) mosquitto_loop_stop(client_, true);
     return EXIT_SUCCESS;
@@ -261,7 +232,7 @@ void Service::publishLength(Accessory& accessory) {
   int length = 0;
   {
     std::lock_guard lock(accessory.mutex);
-    length = accessory.lengthMs;
+    length = accessory.entities.lengthMs;
   }
   publish(topics_.output(accessory.output.name, "length"), std::to_string(length), true);
 }
@@ -313,56 +284,21 @@ void Service::take(Accessory& accessory, const std::string& leaf, const std::str
     queue(accessory, Job{message.command, message.at, message.id, false});
     return;
   }
-  int length = 0, red = 0, green = 0, blue = 0;
+  EntitySettings now;
   {
     std::lock_guard lock(accessory.mutex);
-    length = accessory.lengthMs;
-    red = accessory.red, green = accessory.green, blue = accessory.blue;
+    now = accessory.entities;
   }
-  if (leaf == "length/set") {
-    char* end = nullptr;
-    const double value = std::strtod(payload.c_str(), &end);
-    if (payload.empty() || *end != '\0' || !(value >= 100 && value <= 1000)) {
-      throw UsageError("the length must be 100 to 1000 ms, not \"" + payload + "\"");
-    }
-    {
-      std::lock_guard lock(accessory.mutex);
-      accessory.lengthMs = static_cast<int>(std::lround(value));
-    }
-    publishLength(accessory);
-  } else if (leaf == "puff/press") {
-    queue(accessory,
-          Job{nimbara::makeCommand("puff", {red, green, blue, 0, length}), {}, {}, false});
-  } else if (leaf == "spray/press") {
-    queue(accessory, Job{nimbara::makeCommand("spray", {length}), {}, {}, false});
-  } else if (leaf == "light/set") {
-    Json request;
-    try {
-      request = Json::parse(payload);
-    } catch (const Json::parse_error& e) {
-      throw UsageError(std::string("the light's message is not JSON: ") + e.what());
-    }
-    if (!request.is_object()) throw UsageError("the light's message is not a JSON object");
-    const std::string light = topics_.output(accessory.output.name, "light/state");
-    if (request.value("state", "ON") == "OFF") {
-      publish(light, Json{{"state", "OFF"}}.dump(), true);
-      return;
-    }
-    if (const auto colour = request.find("color"); colour != request.end()) {
-      red = colourPart(*colour, "r"), green = colourPart(*colour, "g"),
-      blue = colourPart(*colour, "b");
-      std::lock_guard lock(accessory.mutex);
-      accessory.red = red, accessory.green = green, accessory.blue = blue;
-    }
-    const int time = lightMilliseconds(request, length);
-    publish(light,
-            Json{{"state", "ON"},
-                 {"color_mode", "rgb"},
-                 {"color", {{"r", red}, {"g", green}, {"b", blue}}}}
-                .dump(),
-            true);
-    queue(accessory, Job{nimbara::makeCommand("flash", {red, green, blue, 0, time}), {}, {}, true});
+  const EntityRequest request = entityRequest(leaf, payload, now);
+  if (request.settings) {
+    std::lock_guard lock(accessory.mutex);
+    accessory.entities = *request.settings;
   }
+  if (request.lengthChanged) publishLength(accessory);
+  if (request.lightState) {
+    publish(topics_.output(accessory.output.name, "light/state"), request.lightState->dump(), true);
+  }
+  if (request.command) queue(accessory, Job{*request.command, {}, {}, request.fromLight});
 }
 
 void Service::queue(Accessory& accessory, Job job) {
@@ -405,13 +341,8 @@ void Service::finished(Accessory& accessory, const Job& job, const Outcome& outc
     publishState(accessory);
   }
   if (job.fromLight) {
-    publish(
-        topics_.output(accessory.output.name, "light/state"),
-        Json{{"state", "OFF"},
-             {"color_mode", "rgb"},
-             {"color", {{"r", job.command.red}, {"g", job.command.green}, {"b", job.command.blue}}}}
-            .dump(),
-        true);
+    publish(topics_.output(accessory.output.name, "light/state"),
+            lightStateAfter(job.command).dump(), true);
   }
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "accessory_worker.h"
+#include "entity_requests.h"
 #include "output_choice.h"
 #include "settings.h"
 #include "topics.h"
@@ -43,8 +44,7 @@ class Service {
     std::mutex mutex;  // the fields below
     Presence presence;
     Json last;  // the last command's fields, null before one
-    int lengthMs = 500;
-    int red = 255, green = 255, blue = 255;  // the light's colour
+    EntitySettings entities;
   };
 
   bool setUpClient();

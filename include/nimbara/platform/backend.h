@@ -121,6 +121,21 @@ class NIMBARA_API Backend {
  * device. */
 NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
 
+/** While it lives, the calling thread's new queues and session calls use
+ * `backend` rather than the process-wide one, so that threads serving
+ * different outputs play at the same time. Made and ended on one thread;
+ * scopes nest, each restoring the one before. */
+class NIMBARA_API ThreadBackendScope {
+ public:
+  explicit ThreadBackendScope(std::shared_ptr<Backend> backend);
+  ~ThreadBackendScope();
+  ThreadBackendScope(const ThreadBackendScope&) = delete;
+  ThreadBackendScope& operator=(const ThreadBackendScope&) = delete;
+
+ private:
+  std::shared_ptr<Backend> previous_;
+};
+
 /** A backend by name, "SCHEME" or "SCHEME:ARGUMENT", as the tool's --device
  * takes it: "pulse" (the default sink), "pulse:SINK" (the sink named SINK),
  * "virtual" (in memory, real time) or "wav:PATH" (into a WAV file). `route`
@@ -134,6 +149,8 @@ NIMBARA_API std::shared_ptr<Backend> makeBackend(const std::string& name,
 NIMBARA_API std::string backendNames();
 /** The name of the backend used when none is chosen: "pulse" or "virtual". */
 NIMBARA_API std::string defaultBackendName();
+/** The calling thread's backend when a ThreadBackendScope set one, otherwise
+ * the process-wide one. */
 NIMBARA_API std::shared_ptr<Backend> currentBackend();
 /** The same, null when the default backend cannot be made (out of memory). */
 NIMBARA_API std::shared_ptr<Backend> currentBackendOrNull() noexcept;
