@@ -68,6 +68,8 @@ TEST(Backends, AnOperationABackendLacksIsNotSupported) {
   EXPECT_EQ(bare.playbackRate(&rate), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
   EXPECT_EQ(bare.openCapture("", &capture), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
   EXPECT_EQ(capture, nullptr);
+  std::vector<std::int16_t> played;
+  EXPECT_EQ(bare.takePlayed(&played), NIMBARA_AUDIO_ERR_NOT_SUPPORTED);
   EXPECT_STREQ(nimbaraAudioStatusText(NIMBARA_AUDIO_ERR_NOT_SUPPORTED), "not supported");
   EXPECT_STREQ(nimbaraAudioStatusText(NIMBARA_AUDIO_ERR_RAN_DRY),
                "the output ran dry while the command played");
@@ -142,6 +144,25 @@ TEST(Backends, AnOutputThatRanDryFailsTheTransmissionWhenItSaysSo) {
     EXPECT_GE(device->underruns(), 1u);
     EXPECT_EQ(status, report ? NIMBARA_AUDIO_ERR_RAN_DRY : 0) << "reportRunDry " << report;
   }
+}
+
+TEST(Backends, TheVirtualDeviceHandsWhatItPlayedOnceToWhoeverListens) {
+  VirtualDevice::Options fast;
+  fast.timeScale = 0.01;
+  auto device = std::make_shared<VirtualDevice>(fast);
+  nimbara::platform::setBackend(device);
+  ASSERT_EQ(executeFunction(createLightLedProtocol(1, 2, 3, 4, 5), 1, 17640, nullptr), 0);
+  nimbara::platform::waitUntilIdle();
+  const std::vector<std::int16_t> expected = device->playedSamples();
+  ASSERT_FALSE(expected.empty());
+  Backend& output = *device;  // as a front end holds it
+  std::vector<std::int16_t> played;
+  ASSERT_EQ(output.takePlayed(&played), NIMBARA_AUDIO_OK);
+  EXPECT_EQ(played, expected);
+  ASSERT_EQ(output.takePlayed(&played), NIMBARA_AUDIO_OK);
+  EXPECT_TRUE(played.empty()) << "a second take hands nothing again";
+  EXPECT_EQ(output.takePlayed(nullptr), NIMBARA_AUDIO_ERR_INVALID);
+  nimbara::platform::setBackend(nullptr);
 }
 
 TEST(Backends, AThreadsOwnBackendTakesItsTransmissionsAndLeavesTheOthersAlone) {

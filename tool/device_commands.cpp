@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "commands.h"
 #include "output.h"
@@ -17,10 +18,11 @@
 namespace tool {
 namespace {
 
-// What the in-process accessory made of what the virtual device played.
-std::vector<nimbara::Transmission> accessoryHeard(const Output& output) {
-  if (!output.virtualDevice) return {};
-  const auto heard = output.virtualDevice->playedSamples();
+// What the in-process accessory made of what the output played; nothing for
+// an output that plays its sound away.
+std::optional<std::vector<nimbara::Transmission>> accessoryHeard(const Output& output) {
+  std::vector<std::int16_t> heard;
+  if (output.backend->takePlayed(&heard) != NIMBARA_AUDIO_OK) return std::nullopt;
   nimbara::Receiver receiver(NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS);
   receiver.push(heard.data(), heard.size() / 2);
   receiver.finish();
@@ -56,10 +58,9 @@ int send(const Globals& globals, const Output& output, const nimbara::Command& c
     json["heard"] = false;
     text += "no reply is heard: the library's fixed answer is " + std::to_string(answer) + "\n";
   }
-  const auto heard = accessoryHeard(output);
-  if (output.virtualDevice) {
+  if (const auto heard = accessoryHeard(output)) {
     Json actions = Json::array();
-    for (const auto& t : heard) {
+    for (const auto& t : *heard) {
       actions.push_back(accessoryAction(t, false));
       text += "accessory: " + accessoryAction(t, terminalShowsTrueColour()) + "\n";
     }

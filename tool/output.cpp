@@ -15,8 +15,6 @@ Output openOutput(const Globals& globals) {
   } catch (const std::invalid_argument& e) {
     throw UsageError(e.what());
   }
-  output.virtualDevice =
-      std::dynamic_pointer_cast<nimbara::platform::VirtualDevice>(output.backend);
   std::string route;
   if (output.backend->routeName(&route) == NIMBARA_AUDIO_ERR_NO_SERVER) {
     throw std::runtime_error(

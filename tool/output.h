@@ -13,7 +13,6 @@ namespace tool {
 
 struct Output {
   std::shared_ptr<nimbara::platform::Backend> backend;
-  std::shared_ptr<nimbara::platform::VirtualDevice> virtualDevice;
 };
 
 // Makes and installs the output; a sound server that cannot be reached fails.

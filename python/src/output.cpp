@@ -9,7 +9,6 @@
 #include <nimbara/device/route.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/platform/backend.h>
-#include <nimbara/platform/virtual_device.h>
 #include <nimbara/receiver/receiver.h>
 #include <pybind11/stl.h>
 
@@ -55,11 +54,17 @@ std::string currentRoute() {
   return nimbaraAudioSessionCopyRouteName(route, sizeof route) == 0 ? route : "";
 }
 
+// Whether the output keeps what it plays, for its accessory to hear: asked
+// once, while nothing has played yet.
+bool keepsWhatItPlays(platform::Backend& output) {
+  std::vector<std::int16_t> nothing;
+  return output.takePlayed(&nothing) == NIMBARA_AUDIO_OK;
+}
+
 class Output {
  public:
   Output(const std::string& device, const std::string& route)
-      : backend_(platform::makeBackend(device, route)),
-        virtual_(std::dynamic_pointer_cast<platform::VirtualDevice>(backend_)) {
+      : backend_(platform::makeBackend(device, route)), hears_(keepsWhatItPlays(*backend_)) {
     py::gil_scoped_release release;
     std::lock_guard lock(outputMutex());
     Installed installed(backend_);
@@ -69,17 +74,13 @@ class Output {
   ~Output() {
     // A backend's teardown may log; the log may call Python.
     auto backend = std::move(backend_);
-    auto virtualDevice = std::move(virtual_);
     py::gil_scoped_release release;
-    virtualDevice.reset();
     backend.reset();
   }
 
   void close() {
     auto backend = std::move(backend_);
-    auto virtualDevice = std::move(virtual_);
     py::gil_scoped_release release;
-    virtualDevice.reset();
     backend.reset();
   }
 
@@ -108,7 +109,6 @@ class Output {
   // controller's tank identity or echo, or None.
   py::tuple transmit(const std::string& fields, bool skipPrecheck) {
     auto backend = live();
-    auto virtualDevice = virtual_;
     const Command command = commandFromFields(fields);
     const CommandAnswer answers = commandForm(command).answer;
     bool sent = false;
@@ -137,7 +137,7 @@ class Output {
       if (sent) {
         status = sendCommand(command);
         platform::waitUntilIdle();
-        if (virtualDevice) hear(*virtualDevice);
+        if (hears_) hear(*backend);
       }
     }
     // Ctrl-C pressed while the sound played: the command went out whole;
@@ -152,7 +152,7 @@ class Output {
   // What the virtual accessory decoded since the last call.
   py::list heard() {
     live();
-    if (!virtual_) throw py::type_error("only the virtual device hears what it plays");
+    if (!hears_) throw py::type_error("only the virtual device hears what it plays");
     std::vector<Transmission> taken;
     {
       py::gil_scoped_release release;
@@ -172,17 +172,17 @@ class Output {
 
   // The virtual accessory listens to each transmission as it is played;
   // only the decoded commands are kept. Called under outputMutex().
-  void hear(platform::VirtualDevice& device) {
-    const auto played = device.playedSamples();
-    device.clearRecordings();
-    Receiver receiver(44100, 2);
+  void hear(platform::Backend& output) {
+    std::vector<std::int16_t> played;
+    if (output.takePlayed(&played) != NIMBARA_AUDIO_OK) return;
+    Receiver receiver(NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS);
     receiver.push(played.data(), played.size() / 2);
     receiver.finish();
     for (auto& t : receiver.take()) heard_.push_back(std::move(t));
   }
 
   std::shared_ptr<platform::Backend> backend_;
-  std::shared_ptr<platform::VirtualDevice> virtual_;
+  bool hears_;                       // the output keeps what it plays (the virtual device)
   std::vector<Transmission> heard_;  // under outputMutex()
 };
 

@@ -32,6 +32,9 @@ std::int32_t Backend::playbackRate(PlaybackRate*) {
 std::int32_t Backend::openCapture(const std::string&, std::unique_ptr<CaptureStream>*) {
   return NIMBARA_AUDIO_ERR_NOT_SUPPORTED;
 }
+std::int32_t Backend::takePlayed(std::vector<std::int16_t>*) {
+  return NIMBARA_AUDIO_ERR_NOT_SUPPORTED;
+}
 std::int32_t Backend::setPreferredSampleRate(double) {
   return NIMBARA_AUDIO_OK;
 }

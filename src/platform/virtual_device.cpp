@@ -181,6 +181,15 @@ std::vector<std::int16_t> VirtualDevice::playedSamples() const {
   return played_;
 }
 
+std::int32_t VirtualDevice::takePlayed(std::vector<std::int16_t>* samples) {
+  if (samples == nullptr) return NIMBARA_AUDIO_ERR_INVALID;
+  std::lock_guard lock(mutex_);
+  samples->swap(played_);
+  played_.clear();
+  enqueued_.clear();
+  return NIMBARA_AUDIO_OK;
+}
+
 void VirtualDevice::clearRecordings() {
   std::lock_guard lock(mutex_);
   enqueued_.clear();

@@ -107,6 +107,10 @@ class NIMBARA_API Backend {
    * when there is no source of that name. */
   virtual std::int32_t openCapture(const std::string& source,
                                    std::unique_ptr<CaptureStream>* stream);
+  /** What the output has played since the last call, interleaved stereo, for
+   * a backend that keeps it (the virtual device: what its in-process accessory
+   * hears); an output that plays its sound away does not support it. */
+  virtual std::int32_t takePlayed(std::vector<std::int16_t>* samples);
   /** Asks the output to run at `rate` while this backend's streams play. */
   virtual std::int32_t setPreferredSampleRate(double rate);
   /** The thread pause on this backend's clock; real time by default. */

@@ -45,6 +45,8 @@ class NIMBARA_API VirtualDevice : public Backend {
   std::int32_t listOutputs(std::vector<OutputInfo>* outputs) override;
   std::int32_t outputLevel(OutputLevel* level) override;
   std::int32_t playbackRate(PlaybackRate* rate) override;
+  /** What it played since the last call; the recordings start anew. */
+  std::int32_t takePlayed(std::vector<std::int16_t>* samples) override;
   std::int32_t setPreferredSampleRate(double rate) override;
   void sleep(double seconds) override;
   bool returnsBuffersAfterDispose() const override;
