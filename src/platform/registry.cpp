@@ -33,8 +33,10 @@ constexpr std::array kBackends = {
 
 std::mutex backendMutex;
 std::shared_ptr<Backend> selected;
-// A thread's own backend, set by ThreadBackendScope; only that thread reads it.
-thread_local std::shared_ptr<Backend> threadBackend;
+// A thread's own backend, held by the innermost ThreadBackendScope; only that
+// thread reads it. A plain pointer: a thread-local with a destructor would
+// have glibc register one on first use, and abort when that allocation fails.
+thread_local const std::shared_ptr<Backend>* threadBackend = nullptr;
 
 // The first backend that can play here; the virtual device only where the
 // library has no real output, so that a machine without sound is told so
@@ -84,14 +86,14 @@ void setBackend(std::shared_ptr<Backend> backend) {
 }
 
 ThreadBackendScope::ThreadBackendScope(std::shared_ptr<Backend> backend)
-    : previous_(std::exchange(threadBackend, std::move(backend))) {}
+    : backend_(std::move(backend)), previous_(std::exchange(threadBackend, &backend_)) {}
 
 ThreadBackendScope::~ThreadBackendScope() {
-  threadBackend = std::move(previous_);
+  threadBackend = previous_;
 }
 
 std::shared_ptr<Backend> currentBackend() {
-  if (threadBackend) return threadBackend;
+  if (threadBackend != nullptr && *threadBackend) return *threadBackend;
   std::lock_guard lock(backendMutex);
   if (!selected) selected = defaultEntry().make({});
   return selected;

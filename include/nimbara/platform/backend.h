@@ -137,7 +137,8 @@ class NIMBARA_API ThreadBackendScope {
   ThreadBackendScope& operator=(const ThreadBackendScope&) = delete;
 
  private:
-  std::shared_ptr<Backend> previous_;
+  std::shared_ptr<Backend> backend_;
+  const std::shared_ptr<Backend>* previous_;
 };
 
 /** A backend by name, "SCHEME" or "SCHEME:ARGUMENT", as the tool's --device
