@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "output.h"
 #include "report.h"
 #include "words.h"
 
@@ -27,12 +28,7 @@ double levelDb(const std::int16_t* samples, std::size_t count) {
 // The capture stream on the source, or the one-line error for its failure.
 std::unique_ptr<nimbara::platform::CaptureStream> openSource(const Globals& globals,
                                                              const std::string& source) {
-  std::shared_ptr<nimbara::platform::Backend> backend;
-  try {
-    backend = nimbara::platform::makeBackend(globals.device, globals.route);
-  } catch (const std::invalid_argument& e) {
-    throw UsageError(e.what());
-  }
+  const auto backend = chosenBackend(globals);
   std::unique_ptr<nimbara::platform::CaptureStream> stream;
   const std::int32_t status = backend->openCapture(source, &stream);
   const std::string name = source.empty() ? "the default source" : source;

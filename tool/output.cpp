@@ -7,14 +7,18 @@
 
 namespace tool {
 
-Output openOutput(const Globals& globals) {
-  if (globals.verbosity < 2) nimbara::setLogSink({});
-  Output output;
+std::shared_ptr<nimbara::platform::Backend> chosenBackend(const Globals& globals) {
   try {
-    output.backend = nimbara::platform::makeBackend(globals.device, globals.route);
+    return nimbara::platform::makeBackend(globals.device, globals.route);
   } catch (const std::invalid_argument& e) {
     throw UsageError(e.what());
   }
+}
+
+Output openOutput(const Globals& globals) {
+  if (globals.verbosity < 2) nimbara::setLogSink({});
+  Output output;
+  output.backend = chosenBackend(globals);
   std::string route;
   if (output.backend->routeName(&route) == NIMBARA_AUDIO_ERR_NO_SERVER) {
     throw std::runtime_error(

@@ -15,6 +15,10 @@ struct Output {
   std::shared_ptr<nimbara::platform::Backend> backend;
 };
 
+// The backend --device and --route name; a name it cannot take is a
+// UsageError.
+std::shared_ptr<nimbara::platform::Backend> chosenBackend(const Globals& globals);
+
 // Makes and installs the output; a sound server that cannot be reached fails.
 Output openOutput(const Globals& globals);
 

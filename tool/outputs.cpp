@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "output.h"
 #include "report.h"
 #include "resampling.h"
 
@@ -14,13 +15,8 @@ namespace tool {
 
 int runOutputs(const Globals& globals) {
   if (globals.verbosity < 2) nimbara::setLogSink({});
-  std::shared_ptr<nimbara::platform::Backend> backend;
-  try {
-    // Every output of the backend, whichever one of them --device names.
-    backend = nimbara::platform::makeBackend(globals.device, globals.route);
-  } catch (const std::invalid_argument& e) {
-    throw UsageError(e.what());
-  }
+  // Every output of the backend, whichever one of them --device names.
+  const auto backend = chosenBackend(globals);
   std::vector<nimbara::platform::OutputInfo> outputs;
   if (const std::int32_t status = backend->listOutputs(&outputs)) {
     throw std::runtime_error(status == NIMBARA_AUDIO_ERR_NO_SERVER

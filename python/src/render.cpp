@@ -5,7 +5,6 @@
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
 
-#include <memory>
 #include <vector>
 
 #include "bindings.h"
@@ -16,20 +15,13 @@ namespace nimbara::python {
 namespace {
 
 py::array_t<std::int16_t> samplesOf(const Command& command) {
-  auto samples = std::make_unique<std::vector<std::int16_t>>();
+  std::vector<std::int16_t> samples;
   {
     // Building a frame logs, and the log may call back into Python.
     py::gil_scoped_release release;
-    *samples = renderCommand(command);
+    samples = renderCommand(command);
   }
-  const auto frames = static_cast<py::ssize_t>(samples->size() / 2);
-  std::int16_t* data = samples->data();
-  py::capsule owner(samples.get(),
-                    [](void* p) { delete static_cast<std::vector<std::int16_t>*>(p); });
-  samples.release();
-  return py::array_t<std::int16_t>(
-      {frames, py::ssize_t{2}},
-      {py::ssize_t{2 * sizeof(std::int16_t)}, py::ssize_t{sizeof(std::int16_t)}}, data, owner);
+  return stereoArray(std::move(samples));
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
 
-#include <memory>
-
 #include "bindings.h"
 
 namespace py = pybind11;
@@ -30,19 +28,12 @@ py::list cuesOf(const std::vector<TrackCue>& cues) {
 }
 
 py::array_t<std::int16_t> renderText(const std::string& text, const std::string& name) {
-  auto samples = std::make_unique<std::vector<std::int16_t>>();
+  std::vector<std::int16_t> samples;
   {
     py::gil_scoped_release release;  // rendering logs, and the log may call into Python
-    *samples = renderTrack(parseTrack(text, name));
+    samples = renderTrack(parseTrack(text, name));
   }
-  const auto frames = static_cast<py::ssize_t>(samples->size() / 2);
-  std::int16_t* data = samples->data();
-  py::capsule owner(samples.get(),
-                    [](void* p) { delete static_cast<std::vector<std::int16_t>*>(p); });
-  samples.release();
-  return py::array_t<std::int16_t>(
-      {frames, py::ssize_t{2}},
-      {py::ssize_t{2 * sizeof(std::int16_t)}, py::ssize_t{sizeof(std::int16_t)}}, data, owner);
+  return stereoArray(std::move(samples));
 }
 
 }  // namespace

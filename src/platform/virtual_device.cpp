@@ -7,6 +7,7 @@
 
 #include <thread>
 #include "platform/backend_registry.h"
+#include "platform/simulated_output.h"
 
 namespace nimbara::platform {
 namespace {
@@ -106,25 +107,15 @@ std::int32_t VirtualDevice::routeName(std::string* name) {
 }
 
 std::int32_t VirtualDevice::listOutputs(std::vector<OutputInfo>* outputs) {
-  OutputInfo output;
-  output.name = "virtual";
-  output.description = "Virtual device";
-  if (const std::int32_t status = routeName(&output.route)) return status;
-  output.isDefault = true;
-  output.rate = NIMBARA_SAMPLE_RATE;
-  output.exact = true;
-  outputs->assign(1, std::move(output));
-  return NIMBARA_AUDIO_OK;
+  return detail::listSimulatedOutput(*this, "virtual", "Virtual device", outputs);
 }
 
 std::int32_t VirtualDevice::outputLevel(OutputLevel* level) {
-  *level = {100.0, false};
-  return NIMBARA_AUDIO_OK;
+  return detail::simulatedLevel(level);
 }
 
 std::int32_t VirtualDevice::playbackRate(PlaybackRate* rate) {
-  *rate = {NIMBARA_SAMPLE_RATE, true, {}};
-  return NIMBARA_AUDIO_OK;
+  return detail::simulatedRate(rate);
 }
 
 std::int32_t VirtualDevice::setPreferredSampleRate(double rate) {

@@ -11,6 +11,7 @@
 
 #include "audio/wav_writer.h"
 #include "platform/backend_registry.h"
+#include "platform/simulated_output.h"
 
 namespace nimbara::platform {
 namespace {
@@ -96,25 +97,15 @@ std::int32_t WavDevice::routeName(std::string* name) {
 }
 
 std::int32_t WavDevice::listOutputs(std::vector<OutputInfo>* outputs) {
-  OutputInfo output;
-  output.name = path_;
-  output.description = "WAV file";
-  if (const std::int32_t status = routeName(&output.route)) return status;
-  output.isDefault = true;
-  output.rate = NIMBARA_SAMPLE_RATE;
-  output.exact = true;
-  outputs->assign(1, std::move(output));
-  return NIMBARA_AUDIO_OK;
+  return detail::listSimulatedOutput(*this, path_, "WAV file", outputs);
 }
 
 std::int32_t WavDevice::outputLevel(OutputLevel* level) {
-  *level = {100.0, false};
-  return NIMBARA_AUDIO_OK;
+  return detail::simulatedLevel(level);
 }
 
 std::int32_t WavDevice::playbackRate(PlaybackRate* rate) {
-  *rate = {NIMBARA_SAMPLE_RATE, true, {}};
-  return NIMBARA_AUDIO_OK;
+  return detail::simulatedRate(rate);
 }
 
 // The file takes sound as fast as the disk allows, so a pause lasts until that

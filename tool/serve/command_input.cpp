@@ -29,6 +29,17 @@ nimbara::Command readCommand(Read read) {
 
 }  // namespace
 
+Json jsonObjectOf(const std::string& payload, const std::string& what) {
+  Json object;
+  try {
+    object = Json::parse(payload);
+  } catch (const Json::parse_error& e) {
+    throw UsageError(what + " is not JSON: " + e.what());
+  }
+  if (!object.is_object()) throw UsageError(what + " is not a JSON object");
+  return object;
+}
+
 CommandMessage commandFromMessage(const std::string& payload) {
   CommandMessage message;
   const auto first = payload.find_first_not_of(" \t\r\n");
@@ -40,13 +51,7 @@ CommandMessage commandFromMessage(const std::string& payload) {
     message.command = readCommand([&] { return nimbara::commandFromWords(words); });
     return message;
   }
-  Json fields;
-  try {
-    fields = Json::parse(payload);
-  } catch (const Json::parse_error& e) {
-    throw UsageError(std::string("the message is not JSON: ") + e.what());
-  }
-  if (!fields.is_object()) throw UsageError("the message is not a JSON object");
+  Json fields = jsonObjectOf(payload, "the message");
   if (const auto at = fields.find("at"); at != fields.end()) {
     if (!at->is_number_integer() || at->get<long long>() < 0) {
       throw UsageError("at must be a time in Unix milliseconds");

@@ -29,6 +29,10 @@ struct CommandMessage {
   Json id;                         // null when not given
 };
 
+// The JSON object a message holds, or a UsageError naming it as `what` ("the
+// message") and saying what is wrong with it.
+Json jsonObjectOf(const std::string& payload, const std::string& what);
+
 // The command, or a UsageError saying what is wrong with the payload.
 CommandMessage commandFromMessage(const std::string& payload);
 

@@ -45,13 +45,7 @@ Json lightState(const char* state, int red, int green, int blue) {
 }
 
 EntityRequest lightRequest(const std::string& payload, EntitySettings settings) {
-  Json request;
-  try {
-    request = Json::parse(payload);
-  } catch (const Json::parse_error& e) {
-    throw UsageError(std::string("the light's message is not JSON: ") + e.what());
-  }
-  if (!request.is_object()) throw UsageError("the light's message is not a JSON object");
+  const Json request = jsonObjectOf(payload, "the light's message");
   EntityRequest result;
   if (request.value("state", "ON") == "OFF") {
     result.lightState = Json{{"state", "OFF"}};

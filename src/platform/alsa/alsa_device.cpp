@@ -6,23 +6,16 @@
 
 #include <memory>
 #include <mutex>
-#include <new>
 
 #include "platform/alsa/alsa_controls.h"
 #include "platform/alsa/alsa_pcm.h"
 #include "platform/backend_registry.h"
+#include "platform/guarded.h"
 
 namespace nimbara::platform {
 namespace {
 
-template <typename Step>
-std::int32_t guarded(Step step) {
-  try {
-    return step();
-  } catch (const std::bad_alloc&) {
-    return NIMBARA_AUDIO_ERR_NO_MEMORY;
-  }
-}
+using detail::guarded;
 
 std::string hint(void* entry, const char* field) {
   char* text = snd_device_name_get_hint(entry, field);

@@ -203,10 +203,16 @@ std::int32_t openExact(const std::string& name, snd_pcm_stream_t direction, int 
   return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t openPlayback(const std::string& name, std::unique_ptr<OutputStream>* stream) {
+namespace {
+
+// Opens the PCM in `direction` and hands it to a new Wrapper, closing it again
+// when there is no memory for one.
+template <typename Wrapper, typename Stream>
+std::int32_t openWrapped(const std::string& name, snd_pcm_stream_t direction,
+                         std::unique_ptr<Stream>* stream) {
   snd_pcm_t* pcm = nullptr;
-  if (const std::int32_t status = openExact(name, SND_PCM_STREAM_PLAYBACK, 0, &pcm)) return status;
-  auto* opened = new (std::nothrow) Playback(pcm);
+  if (const std::int32_t status = openExact(name, direction, 0, &pcm)) return status;
+  auto* opened = new (std::nothrow) Wrapper(pcm);
   if (opened == nullptr) {
     snd_pcm_close(pcm);
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
@@ -215,16 +221,14 @@ std::int32_t openPlayback(const std::string& name, std::unique_ptr<OutputStream>
   return NIMBARA_AUDIO_OK;
 }
 
+}  // namespace
+
+std::int32_t openPlayback(const std::string& name, std::unique_ptr<OutputStream>* stream) {
+  return openWrapped<Playback>(name, SND_PCM_STREAM_PLAYBACK, stream);
+}
+
 std::int32_t openRecord(const std::string& name, std::unique_ptr<CaptureStream>* stream) {
-  snd_pcm_t* pcm = nullptr;
-  if (const std::int32_t status = openExact(name, SND_PCM_STREAM_CAPTURE, 0, &pcm)) return status;
-  auto* opened = new (std::nothrow) Record(pcm);
-  if (opened == nullptr) {
-    snd_pcm_close(pcm);
-    return NIMBARA_AUDIO_ERR_NO_MEMORY;
-  }
-  stream->reset(opened);
-  return NIMBARA_AUDIO_OK;
+  return openWrapped<Record>(name, SND_PCM_STREAM_CAPTURE, stream);
 }
 
 }  // namespace nimbara::platform::alsa

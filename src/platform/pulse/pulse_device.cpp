@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "platform/backend_registry.h"
+#include "platform/guarded.h"
 #include "platform/pulse/pulse_connection.h"
 #include "platform/pulse/pulse_queries.h"
 #include "platform/pulse/pulse_stream.h"
@@ -30,15 +31,7 @@ std::string howToAllowTheRate(bool pipewire) {
          "  default-sample-rate = 44100\n";
 }
 
-// Runs a step that may allocate; running out of memory is a status.
-template <typename Step>
-std::int32_t guarded(Step step) {
-  try {
-    return step();
-  } catch (const std::bad_alloc&) {
-    return NIMBARA_AUDIO_ERR_NO_MEMORY;
-  }
-}
+using detail::guarded;
 
 }  // namespace
 
@@ -70,26 +63,24 @@ std::int32_t PulseDevice::openStream(const NimbaraStreamFormat&,
   return pulse::openPlayback(std::move(shared), sink_, preferredRate(), stream);
 }
 
-std::int32_t PulseDevice::routeName(std::string* name) {
+template <typename Use>
+std::int32_t PulseDevice::withSinkFacts(Use use) {
   std::shared_ptr<pulse::Connection> shared;
   if (const std::int32_t status = connection(&shared)) return status;
   return guarded([&] {
     pulse::SinkFacts facts;
     if (const std::int32_t status = pulse::readSink(*shared, sink_, &facts)) return status;
-    *name = facts.route;
+    use(facts);
     return std::int32_t{NIMBARA_AUDIO_OK};
   });
 }
 
+std::int32_t PulseDevice::routeName(std::string* name) {
+  return withSinkFacts([&](const pulse::SinkFacts& facts) { *name = facts.route; });
+}
+
 std::int32_t PulseDevice::outputLevel(OutputLevel* level) {
-  std::shared_ptr<pulse::Connection> shared;
-  if (const std::int32_t status = connection(&shared)) return status;
-  return guarded([&] {
-    pulse::SinkFacts facts;
-    if (const std::int32_t status = pulse::readSink(*shared, sink_, &facts)) return status;
-    *level = facts.level;
-    return std::int32_t{NIMBARA_AUDIO_OK};
-  });
+  return withSinkFacts([&](const pulse::SinkFacts& facts) { *level = facts.level; });
 }
 
 std::int32_t PulseDevice::playbackRate(PlaybackRate* rate) {

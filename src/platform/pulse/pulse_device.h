@@ -18,7 +18,8 @@ namespace nimbara::platform {
 
 namespace pulse {
 class Connection;
-}
+struct SinkFacts;
+}  // namespace pulse
 
 class PulseDevice : public Backend {
  public:
@@ -51,6 +52,9 @@ class PulseDevice : public Backend {
 
  private:
   std::int32_t connection(std::shared_ptr<pulse::Connection>* out);
+  // Reads the sink's facts and hands them to `use`; the status of the read.
+  template <typename Use>
+  std::int32_t withSinkFacts(Use use);
   std::uint32_t preferredRate() const { return preferredRate_.load(std::memory_order_relaxed); }
 
   const std::string server_;
