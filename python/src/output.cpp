@@ -9,6 +9,7 @@
 #include <nimbara/device/route.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/platform/backend.h>
+#include <nimbara/signal/signal_format.h>
 #include <nimbara/receiver/receiver.h>
 #include <pybind11/stl.h>
 
