@@ -19,6 +19,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "report.h"
@@ -98,9 +99,7 @@ class Room {
     const auto deadline = Clock::now() + kSettleLongest;
     changed_.wait_until(lock, deadline, [&] { return granted_ >= subscriptions; });
     while (Clock::now() < deadline && Clock::now() < lastNews_ + kSettleQuiet) {
-      lock.unlock();
-      std::this_thread::sleep_until(std::min(deadline, lastNews_ + kSettleQuiet));
-      lock.lock();
+      changed_.wait_until(lock, std::min(deadline, lastNews_ + kSettleQuiet));
     }
     std::vector<std::string> found;
     for (const auto& accessory : accessories_) {
@@ -147,10 +146,26 @@ class Room {
 // The client library, set up and torn down in one scope.
 class Client {
  public:
-  Client(const serve::BrokerAddress& broker, const std::string& caFile, Room& room) {
+  explicit Client(Room& room) {
     mosquitto_lib_init();
     client_ = mosquitto_new(nullptr, true, &room);
-    if (client_ == nullptr) throw std::runtime_error("cannot make the MQTT client");
+    if (client_ == nullptr) {
+      mosquitto_lib_cleanup();
+      throw std::runtime_error("cannot make the MQTT client");
+    }
+  }
+  ~Client() {
+    if (looping_) {
+      mosquitto_disconnect(client_);
+      mosquitto_loop_stop(client_, false);
+    }
+    mosquitto_destroy(client_);
+    mosquitto_lib_cleanup();
+  }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  void connect(const serve::BrokerAddress& broker, const std::string& caFile) {
     mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
     if (!broker.user.empty()) {
       const char* password =
@@ -190,16 +205,6 @@ class Client {
     }
     looping_ = true;
   }
-  ~Client() {
-    if (looping_) {
-      mosquitto_disconnect(client_);
-      mosquitto_loop_stop(client_, false);
-    }
-    if (client_ != nullptr) mosquitto_destroy(client_);
-    mosquitto_lib_cleanup();
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
 
   void subscribe(const std::string& pattern) {
     if (const int rc = mosquitto_subscribe(client_, nullptr, pattern.c_str(), 1);
@@ -234,7 +239,8 @@ int runRoomCue(const Globals& globals, const std::string& path, const RoomReques
   const serve::BrokerAddress broker = serve::parseBrokerUrl(request.url);
   if (globals.verbosity < 2) nimbara::setLogSink({});
   Room room;
-  Client client(broker, request.caFile, room);
+  Client client(room);
+  client.connect(broker, request.caFile);
   const std::vector<std::string> patterns = {"nimbara/+/availability", "nimbara/+/+/state",
                                              "nimbara/+/+/result"};
   for (const auto& pattern : patterns) client.subscribe(pattern);
