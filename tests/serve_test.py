@@ -602,8 +602,69 @@ def test_sound_server():
             del os.environ["PULSE_SERVER"]
 
 
+ROOM_CUES = [("00:00.000 --> 00:00.500", ["puff", "orange", "--time", "300"]),
+             ("00:01.000 --> 00:01.200", ["flash", "0", "128", "255"]),
+             ("00:02.000 --> 00:02.300", ["spray", "300"])]
+
+
+def test_room_cue():
+    """One track played by every accessory served on a broker; none there."""
+    broker = Broker()
+    track = os.path.join(WORK, "room.vtt")
+    with open(track, "w") as f:
+        f.write("WEBVTT\n\n" + "".join(f"{time}\n{' '.join(words)}\n\n"
+                                         for time, words in ROOM_CUES))
+    url = f"mqtt://127.0.0.1:{broker.port}"
+    empty = subprocess.run([TOOL, "play", track, "--mqtt", url], capture_output=True, text=True)
+    check(empty.returncode == 1 and empty.stdout == "" and
+          len(empty.stderr.splitlines()) == 1 and "no accessory" in empty.stderr,
+          "a broker without services: one line, exit 1", repr(empty))
+
+    wavs = {name: os.path.join(WORK, f"room-{name}.wav") for name in ("hall", "kitchen")}
+    services = [Service(broker, name, "--device", "wav:" + wav) for name, wav in wavs.items()]
+    for service in services:
+        check(wait_online(broker, service.name), f"{service.name} online")
+    results = Watch(broker, "nimbara/+/+/result")
+    played = subprocess.run([TOOL, "--json", "play", track, "--mqtt", url], capture_output=True,
+                            text=True, timeout=60)
+    check(played.returncode == 0, "the track played in the room", played.stderr)
+    lines = [json.loads(line) for line in played.stdout.splitlines()]
+    check([line["cue"] for line in lines] == [0, 1, 2] and
+          [line["command"] for line in lines] == ["puff", "flash", "spray"] and
+          all(sorted(line["to"]) == ["hall/room-hall", "kitchen/room-kitchen"] for line in lines),
+          "a line per cue, with its fields and both accessories", played.stdout)
+    check(all(line["at"] - lines[0]["at"] == 1000 * line["cue"] for line in lines),
+          "each cue's start time is the track's start plus its time")
+    expected = b"".join(tool_wav(*words) for _, words in ROOM_CUES)
+    for name, wav in wavs.items():
+        check(samples_of(wav) == expected, f"{name} played exactly the three cues")
+    firsts = [t for topic, payload, t in results.messages
+              if topic != results.sync and json_or_text(payload).get("id", "").endswith("-1")]
+    if len(firsts) == 2:
+        print(f"the first cue's results came {abs(firsts[0] - firsts[1]) * 1000:.2f} ms apart",
+              flush=True)
+
+    # Only one of them; and a failure is never a success.
+    only = subprocess.run([TOOL, "--json", "play", track, "--mqtt", url, "--only", "hall"],
+                          capture_output=True, text=True, timeout=60)
+    check(only.returncode == 0 and
+          all(json.loads(line)["to"] == ["hall/room-hall"]
+              for line in only.stdout.splitlines()), "--only picks one service", only.stdout)
+    services[1].proc.send_signal(signal.SIGSTOP)
+    stopped = subprocess.run([TOOL, "play", track, "--mqtt", url, "--only", "kitchen"],
+                             capture_output=True, text=True, timeout=60)
+    services[1].proc.send_signal(signal.SIGCONT)
+    check(stopped.returncode == 1 and len(stopped.stderr.splitlines()) == 1 and
+          "no result" in stopped.stderr, "a service that does not answer fails the track",
+          stopped.stderr)
+    results.close()
+    for service in services:
+        service.stop()
+    broker.stop()
+
+
 TESTS = [test_discovery_and_commands, test_order_queue_and_absence, test_broker_loss_and_kill,
-         test_settings] + ([] if options.no_pulse else [test_sound_server])
+         test_settings, test_room_cue] + ([] if options.no_pulse else [test_sound_server])
 for test in TESTS:
     if ONLY and ONLY not in test.__name__:
         continue

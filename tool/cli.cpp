@@ -12,6 +12,7 @@
 
 #include "commands.h"
 #include "report.h"
+#include "room_cue.h"
 #include "serve/serve.h"
 #include "track_commands.h"
 #include "words.h"
@@ -51,6 +52,7 @@ struct Requests {
   DecodeRequest decode;
   ListenRequest listen;
   std::string cues, follow;
+  RoomRequest room;
   std::string helpTopic;
 };
 
@@ -165,6 +167,16 @@ void addLiveCommands(CLI::App& app, Requests& r) {
   playCommand->add_option("TRACK", r.cues, "the track or cue file")->required();
   playCommand->add_option("--follow", r.follow,
                           "mpv:SOCKET: send each cue when the film playing in mpv reaches it");
+  auto* mqtt = playCommand->add_option(
+      "--mqtt", r.room.url,
+      "mqtt://[USER[:PASSWORD]@]HOST[:PORT] or mqtts://...: play the track on every accessory "
+      "that `nimbara serve` puts on this broker, together");
+  mqtt->excludes("--follow");
+  playCommand->add_option("--ca-file", r.room.caFile, "with --mqtt mqtts://: the broker's CA")
+      ->needs(mqtt);
+  playCommand
+      ->add_option("--only", r.room.only, "with --mqtt: only the accessories ID or ID/OUTPUT")
+      ->needs(mqtt);
 
   app.add_subcommand("serve",
                      "the accessories in Home Assistant and on plain MQTT topics: "
@@ -226,6 +238,7 @@ int dispatch(const CLI::App& app, Requests& r) {
   if (app.got_subcommand("decode")) return runDecode(globals, r.decode);
   if (app.got_subcommand("listen")) return runListen(globals, r.listen);
   if (app.got_subcommand("play")) {
+    if (!r.room.url.empty()) return runRoomCue(globals, r.cues, r.room);
     return r.follow.empty() ? runPlay(globals, r.cues) : runFollow(globals, r.cues, r.follow);
   }
   return EXIT_FAILURE;
