@@ -268,9 +268,9 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExactOrFail) {
   constexpr int kTransmissions = 100;
   std::vector<std::int32_t> statuses;
   for (int i = 0; i < kTransmissions; ++i) {
-    statuses.push_back(executeFunction(
-        createLightLedProtocol(static_cast<std::uint8_t>(i), 255 - i, 7, 0, 100), 1, 35280,
-        nullptr));
+    statuses.push_back(
+        executeFunction(createLightLedProtocol(static_cast<std::uint8_t>(i), 255 - i, 7, 0, 100), 1,
+                        35280, nullptr));
   }
   nimbara::platform::waitUntilIdle();
   stop = true;
@@ -284,9 +284,8 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExactOrFail) {
   std::vector<int> silent;
   for (int i = 0; i < kTransmissions; ++i) {
     const auto expected = frame(i);
-    const bool recorded =
-        std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) !=
-        samples.end();
+    const bool recorded = std::search(samples.begin(), samples.end(), expected.begin(),
+                                      expected.end()) != samples.end();
     if (statuses[i] != 0) {
       reported.push_back(std::to_string(i) + ": " + nimbaraAudioStatusText(statuses[i]));
     } else if (recorded) {

@@ -22,8 +22,8 @@
 #include <nimbara/api/NimbaraProtocol.h>
 #include <nimbara/api/command.h>
 #include <nimbara/api/timeline.h>
-#include <nimbara/audio/audio_file.h>
 #include <nimbara/api/vocabulary.h>
+#include <nimbara/audio/audio_file.h>
 #include <nimbara/log.h>
 #include <nimbara/platform/backend.h>
 #include <nimbara/platform/virtual_device.h>

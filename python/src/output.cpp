@@ -9,8 +9,8 @@
 #include <nimbara/device/route.h>
 #include <nimbara/platform/audio_queue.h>
 #include <nimbara/platform/backend.h>
-#include <nimbara/signal/signal_format.h>
 #include <nimbara/receiver/receiver.h>
+#include <nimbara/signal/signal_format.h>
 #include <pybind11/stl.h>
 
 #include <memory>
