@@ -29,14 +29,14 @@ class RecordStream : public CaptureStream, public CallbackData {
   }
 
   std::int32_t open(const std::string& source) {
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS};
+    const pa_sample_spec format{PA_SAMPLE_S16LE, NIMBARA_SAMPLE_RATE, NIMBARA_CHANNELS};
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<std::uint32_t>(-1);
     // 20 ms fragments: a transmission is heard soon after its end.
     attr.fragsize = NIMBARA_SAMPLE_RATE / 50 * kBytesPerFrame;
     Connection::Lock lock(*connection_);
     if (!connection_->alive()) return NIMBARA_AUDIO_ERR_NO_SERVER;
-    stream_ = pa_stream_new(connection_->context(), "accessory", &spec, nullptr);
+    stream_ = pa_stream_new(connection_->context(), "accessory", &format, nullptr);
     if (stream_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     pa_stream_set_state_callback(stream_, &RecordStream::onEvent, this);
     pa_stream_set_read_callback(stream_, &RecordStream::onReadable, this);
