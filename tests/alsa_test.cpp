@@ -28,6 +28,7 @@
 #include <thread>
 
 #include "platform/alsa/alsa_device.h"
+#include "support/sound_server.h"
 
 extern char** environ;
 
@@ -35,17 +36,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using nimbara::platform::AlsaDevice;
-
-std::vector<std::int16_t> readSamples(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<std::int16_t> samples(bytes.size() / 2);
-  for (std::size_t i = 0; i < samples.size(); ++i) {
-    samples[i] = static_cast<std::int16_t>(static_cast<std::uint8_t>(bytes[2 * i]) |
-                                           (static_cast<std::uint8_t>(bytes[2 * i + 1]) << 8));
-  }
-  return samples;
-}
 
 // Up to the last sound: the silence after it is as long as the output plays on.
 std::size_t soundLength(const std::vector<std::int16_t>& samples) {
@@ -99,7 +89,7 @@ TEST_F(AlsaTest, TheFilePluginGetsTheExactBytesAndTheNullPluginTakesThem) {
   ASSERT_EQ(flash(1), 0);
   nimbara::platform::waitUntilIdle();
   // The file holds the signal from its first sample, then silence only.
-  const auto written = readSamples(dir_ / "out.raw");
+  const auto written = test_support::readSamples(dir_ / "out.raw");
   const auto expected = flashSignal(1);
   ASSERT_GE(written.size(), soundLength(expected));
   EXPECT_TRUE(
@@ -146,29 +136,14 @@ TEST_F(AlsaTest, ThePulsePluginReachesTheServerBitForBit) {
   if (sinkRate != nullptr && std::string(sinkRate) != "44100") GTEST_SKIP() << "sinks resample";
   nimbara::setLogSink({});
   const fs::path recording = dir_ / "monitor.raw";
-  std::vector<std::string> args = {
-      "parec",          "-d",           "headphones.monitor", "--raw",
-      "--format=s16le", "--rate=44100", "--channels=2",       "--latency-msec=20"};
-  std::vector<char*> argv;
-  for (auto& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, recording.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  pid_t parec = -1;
-  ASSERT_EQ(posix_spawnp(&parec, "parec", &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  // Polling the recording until parec has started it.
-  for (int i = 0; i < 500 && (!fs::exists(recording) || fs::file_size(recording) == 0); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  const pid_t parec = test_support::recordHeadphoneMonitor(recording);
+  ASSERT_NE(parec, -1);
   nimbara::platform::setBackend(std::make_shared<AlsaDevice>("headphones"));
   EXPECT_EQ(flash(7), 0);
   nimbara::platform::waitUntilIdle();
   bool heard = false;
   for (int i = 0; i < 500 && !heard; ++i) {
-    heard = contains(readSamples(recording), trimmed(flashSignal(7)));
+    heard = contains(test_support::readSamples(recording), trimmed(flashSignal(7)));
     if (!heard) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   kill(parec, SIGTERM);

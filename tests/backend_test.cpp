@@ -7,6 +7,8 @@
 #include <nimbara/platform/virtual_device.h>
 #include <nimbara/signal/playback.h>
 
+#include "support/sound_server.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -98,45 +100,14 @@ TEST(Backends, TheSimulatedOutputsListThemselvesAtTheSignalsRate) {
   EXPECT_TRUE(nimbara::routeNamesHeadset("Built-in: HeadsetInOut"));
 }
 
-// A real-time virtual device whose stream comes late once: the third buffer
-// reaches the output 60 ms after the output has finished the second.
-class LateBackend : public Backend {
- public:
-  explicit LateBackend(std::shared_ptr<VirtualDevice> device) : device_(std::move(device)) {}
-  const char* name() const override { return "late"; }
-  std::int32_t routeName(std::string* name) override { return device_->routeName(name); }
-  std::int32_t openStream(const NimbaraStreamFormat& format,
-                          std::unique_ptr<OutputStream>* stream) override {
-    std::unique_ptr<OutputStream> inner;
-    if (const std::int32_t status = device_->openStream(format, &inner)) return status;
-    *stream = std::make_unique<Stream>(std::move(inner));
-    return 0;
-  }
-
- private:
-  class Stream : public OutputStream {
-   public:
-    explicit Stream(std::unique_ptr<OutputStream> inner) : inner_(std::move(inner)) {}
-    std::int32_t play(const std::int16_t* samples, std::size_t frames,
-                      const std::atomic<bool>& stop) override {
-      if (++plays_ == 3) std::this_thread::sleep_for(std::chrono::milliseconds(60));
-      return inner_->play(samples, frames, stop);
-    }
-    std::int32_t close() override { return inner_->close(); }
-
-   private:
-    std::unique_ptr<OutputStream> inner_;
-    int plays_ = 0;
-  };
-  std::shared_ptr<VirtualDevice> device_;
-};
-
 TEST(Backends, AnOutputThatRanDryFailsTheTransmissionWhenItSaysSo) {
   for (const bool report : {false, true}) {
     VirtualDevice::Options options;
     options.reportRunDry = report;
     auto device = std::make_shared<VirtualDevice>(options);
-    nimbara::platform::setBackend(std::make_shared<LateBackend>(device));
+    nimbara::platform::setBackend(
+        std::make_shared<test_support::LateStreamBackend>(  // the third buffer 60 ms late
+            device, 3, std::chrono::milliseconds(60)));
     const std::int32_t status =
         executeFunction(createLightLedProtocol(1, 2, 3, 4, 5), 1, 17640, nullptr);
     nimbara::platform::waitUntilIdle();

@@ -26,6 +26,7 @@
 
 #include "platform/pipewire/pipewire_device.h"
 #include "support/log_capture.h"
+#include "support/sound_server.h"
 
 extern char** environ;
 
@@ -52,48 +53,6 @@ std::vector<std::int16_t> trimmedFlash(long long red) {
   while (!samples.empty() && samples.back() == 0) samples.pop_back();
   return samples;
 }
-
-std::vector<std::int16_t> readSamples(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<std::int16_t> samples(bytes.size() / 2);
-  std::memcpy(samples.data(), bytes.data(), samples.size() * 2);
-  return samples;
-}
-
-// Holds the queue's thread back before its second buffer: the graph takes the
-// first and then finds nothing, in the middle of the frame's sound.
-class StarvingBackend : public Backend {
- public:
-  explicit StarvingBackend(std::shared_ptr<Backend> inner) : inner_(std::move(inner)) {}
-  const char* name() const override { return "starving"; }
-  std::int32_t routeName(std::string* name) override { return inner_->routeName(name); }
-  std::int32_t openStream(const NimbaraStreamFormat& format,
-                          std::unique_ptr<OutputStream>* stream) override {
-    std::unique_ptr<OutputStream> inner;
-    if (const std::int32_t status = inner_->openStream(format, &inner)) return status;
-    *stream = std::make_unique<Stream>(std::move(inner));
-    return 0;
-  }
-
- private:
-  class Stream : public OutputStream {
-   public:
-    explicit Stream(std::unique_ptr<OutputStream> inner) : inner_(std::move(inner)) {}
-    std::int32_t play(const std::int16_t* samples, std::size_t frames,
-                      const std::atomic<bool>& stop) override {
-      // The fault under test: a thread that comes 300 ms late.
-      if (++plays_ == 2) std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      return inner_->play(samples, frames, stop);
-    }
-    std::int32_t close() override { return inner_->close(); }
-
-   private:
-    std::unique_ptr<OutputStream> inner_;
-    int plays_ = 0;
-  };
-  std::shared_ptr<Backend> inner_;
-};
 
 class PipeWireTest : public ::testing::Test {
  protected:
@@ -129,22 +88,8 @@ TEST_F(PipeWireTest, AtTheSignalsRateItReachesTheSinkBitForBitAndAStarvedStreamF
   char name[] = "/tmp/nimbara-pw.XXXXXX";
   const fs::path dir = mkdtemp(name);
   const fs::path recording = dir / "monitor.raw";
-  std::vector<std::string> args = {
-      "parec",          "-d",           "headphones.monitor", "--raw",
-      "--format=s16le", "--rate=44100", "--channels=2",       "--latency-msec=20"};
-  std::vector<char*> argv;
-  for (auto& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, recording.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  pid_t parec = -1;
-  ASSERT_EQ(posix_spawnp(&parec, "parec", &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  for (int i = 0; i < 500 && (!fs::exists(recording) || fs::file_size(recording) == 0); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // polling parec's start
-  }
+  const pid_t parec = test_support::recordHeadphoneMonitor(recording);
+  ASSERT_NE(parec, -1);
   // A node that is not there plays nowhere else.
   nimbara::platform::setBackend(std::make_shared<PipeWireDevice>("nosuch"));
   EXPECT_EQ(doLightLed(1, 2, 3, 4, 500), NIMBARA_AUDIO_ERR_NO_SUCH_NAME);
@@ -156,13 +101,14 @@ TEST_F(PipeWireTest, AtTheSignalsRateItReachesTheSinkBitForBitAndAStarvedStreamF
   for (int red = 1; red <= 20; ++red) {
     EXPECT_EQ(doLightLed(static_cast<std::uint8_t>(red), 2, 3, 4, 500), 0) << red;
   }
-  nimbara::platform::setBackend(std::make_shared<StarvingBackend>(device));
+  nimbara::platform::setBackend(
+      std::make_shared<test_support::LateStreamBackend>(device, 2, std::chrono::milliseconds(300)));
   EXPECT_EQ(doLightLed(99, 2, 3, 4, 500), NIMBARA_AUDIO_ERR_RAN_DRY);
   nimbara::platform::waitUntilIdle();
   const auto last = trimmedFlash(20);
   std::vector<std::int16_t> samples;
   for (int i = 0; i < 500; ++i) {
-    samples = readSamples(recording);
+    samples = test_support::readSamples(recording);
     if (std::search(samples.begin(), samples.end(), last.begin(), last.end()) != samples.end()) {
       break;
     }

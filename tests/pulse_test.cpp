@@ -33,6 +33,7 @@
 #include "support/expected_signal.h"
 #include "support/log_capture.h"
 #include "support/signals.h"
+#include "support/sound_server.h"
 
 extern char** environ;
 
@@ -112,17 +113,6 @@ void stop(pid_t pid, int sig = SIGTERM, bool group = false) {
   waitpid(pid, nullptr, 0);
 }
 
-std::vector<std::int16_t> readSamples(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<std::int16_t> samples(bytes.size() / 2);
-  for (std::size_t i = 0; i < samples.size(); ++i) {
-    samples[i] = static_cast<std::int16_t>(static_cast<std::uint8_t>(bytes[2 * i]) |
-                                           (static_cast<std::uint8_t>(bytes[2 * i + 1]) << 8));
-  }
-  return samples;
-}
-
 struct TempDir {
   fs::path path;
   TempDir() {
@@ -147,7 +137,7 @@ class MonitorRecording {
   // Waits until the recording holds `expected` somewhere.
   bool contains(const std::vector<std::int16_t>& expected) {
     return eventually([&] {
-      const auto samples = readSamples(file_);
+      const auto samples = test_support::readSamples(file_);
       return std::search(samples.begin(), samples.end(), expected.begin(), expected.end()) !=
              samples.end();
     });
@@ -278,7 +268,7 @@ TEST_F(PulseTest, AHundredTransmissionsUnderFullLoadArriveBitExactOrFail) {
   auto frame = [](int i) { return nimbara::test::ledCommandSignal(4, i, 255 - i, 7, 0, 100, 0); };
   // The last one is waited for; one that never arrives is named below.
   recording.contains(frame(kTransmissions - 1));
-  const auto samples = readSamples(dir.path / "monitor.raw");
+  const auto samples = test_support::readSamples(dir.path / "monitor.raw");
   int exact = 0;
   std::vector<std::string> reported;
   std::vector<int> silent;
@@ -354,7 +344,7 @@ TEST_F(PulseTest, ResamplingIsReportedExactlyWhenTheRecordingDiffers) {
   const std::uintmax_t played = fs::file_size(dir.path / "monitor.raw");
   ASSERT_TRUE(
       eventually([&] { return fs::file_size(dir.path / "monitor.raw") > played + 4 * 44100 / 5; }));
-  const auto samples = readSamples(dir.path / "monitor.raw");
+  const auto samples = test_support::readSamples(dir.path / "monitor.raw");
   const bool bitForBit = std::search(samples.begin(), samples.end(), expected.begin(),
                                      expected.end()) != samples.end();
   EXPECT_EQ(bitForBit, rate.exact) << "the sink runs at " << rate.rate << " Hz";
