@@ -268,21 +268,27 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   # undisturbed, it succeeds.
   printf '0.0 flash red\n0.5 flash green\n1.0 flash blue\n1.5 flash 1 2 3\n' >"$work/four.txt"
   check "a timeline on the server" 0 "$tool" --skip-precheck play "$work/four.txt"
-  "$tool" --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
-  player=$!
-  for _ in $(seq 400); do
-    pactl list sink-inputs 2>/dev/null | grep -q 'media.name = "nimbara"' && break
-    sleep 0.01
-  done
-  # Stopped 0.4 s into the stream, for longer than the server's buffer lasts.
-  sleep 0.4
-  kill -STOP "$player"
-  sleep 0.6
-  kill -CONT "$player"
-  wait "$player"
-  status=$?
-  if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
-    echo "FAIL: a player stopped mid-timeline: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+  # Plays the four-cue timeline with the given device options, stops the
+  # player 0.4 s into its stream (once the server shows a stream matching
+  # $2) for longer than the server's buffer lasts, and expects exit status 1.
+  stop_midway() {  # name, sink-input pattern, device options...
+    local name=$1 pattern=$2; shift 2
+    "$tool" "$@" --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
+    local player=$!
+    for _ in $(seq 400); do
+      pactl list sink-inputs 2>/dev/null | grep -q "$pattern" && break
+      sleep 0.01
+    done
+    sleep 0.4
+    kill -STOP "$player"
+    sleep 0.6
+    kill -CONT "$player"
+    wait "$player"
+    local status=$?
+    if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
+      echo "FAIL: $name: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+  }
+  stop_midway "a player stopped mid-timeline" 'media.name = "nimbara"'
   grep -v -e '^nimbara: warning: the sink runs at' -e '^  context.properties' "$work/err" >"$work/err.errors"
   mv "$work/err.errors" "$work/err"
   one_line "a player stopped mid-timeline"
@@ -312,20 +318,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   # pipewire-pulse does not pass a stream's underrun on to alsa-lib's pulse
   # plugin (the native backend's own test above sees it there): on PulseAudio only.
   if [ "${NIMBARA_TEST_SERVER:-pulseaudio}" = pulseaudio ]; then
-    "$tool" --device alsa:hp --skip-precheck play "$work/four.txt" >"$work/out" 2>"$work/err" &
-    player=$!
-    for _ in $(seq 400); do
-      pactl list sink-inputs 2>/dev/null | grep -q 'application.name = "ALSA' && break
-      sleep 0.01
-    done
-    sleep 0.4
-    kill -STOP "$player"
-    sleep 0.6
-    kill -CONT "$player"
-    wait "$player"
-    status=$?
-    if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
-      echo "FAIL: an ALSA player stopped mid-timeline: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
+    stop_midway "an ALSA player stopped mid-timeline" 'application.name = "ALSA' --device alsa:hp
     contains "an ALSA player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
   fi
   unset ALSA_CONFIG_PATH
