@@ -2,8 +2,9 @@
 // phone's viewport and touch: a video made by ffmpeg and its track play, the
 // commands reaching the audio destination are the renders bit for bit, in
 // order, spaced as their cues; a pause holds the track and a seek skips; the
-// page reloads offline through its service worker and still plays a puff; a
-// browser with navigator.audioSession gets "playback".
+// screen is kept on while the track plays; a suspended context runs on the
+// first touch; the page reloads offline through its service worker and still
+// plays a puff; a browser with navigator.audioSession gets "playback".
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import { writeFileSync } from 'node:fs';
@@ -81,6 +82,27 @@ function recordDestination() {
     if (!this.__tapped) return start.apply(this, args);
     this.__tapped.then(() => start.apply(this, args));
   };
+}
+
+// A Wake Lock that records each request and release.
+function recordWakeLock() {
+  window.__wake = [];
+  const request = async (type) => {
+    window.__wake.push(`request ${type}`);
+    const sentinel = new EventTarget();
+    sentinel.release = async () => {
+      window.__wake.push('release');
+      sentinel.dispatchEvent(new Event('release'));
+    };
+    return sentinel;
+  };
+  Object.defineProperty(navigator, 'wakeLock', { value: { request }, configurable: true });
+}
+
+// Waits until the Wake Lock has seen `calls`, and checks them.
+async function wakeCalls(page, calls) {
+  await page.waitForFunction((n) => window.__wake.length >= n, calls.length, { timeout: 5000 }).catch(() => {});
+  assert.deepEqual(await page.evaluate(() => window.__wake), calls);
 }
 
 // The sounds that reached the destination: each run of non-silent blocks, as
@@ -184,11 +206,21 @@ async function loadFilm(page) {
 }
 
 test('a film and its track play: each command the render, at its cue', async () => {
-  const { context, page, problems } = await openPhone();
+  const { context, page, problems } = await openPhone(recordWakeLock);
   await loadFilm(page);
-  await page.getByTestId('track-video').tap();  // the first touch resumes the audio
+  // A suspended context (as a phone's browser makes it) runs on the first touch.
+  assert.equal(await page.evaluate(async () => {
+    const { audioContext } = await import('./page.js');
+    window.__page = audioContext();
+    await window.__page.suspend();
+    return window.__page.state;
+  }), 'suspended');
+  await page.getByTestId('track-status').tap();
+  await page.waitForFunction(() => window.__page.state === 'running', null, { timeout: 5000 });
   await page.getByTestId('track-video').evaluate((v) => v.play());
+  await wakeCalls(page, ['request screen']);  // the screen stays on while the track plays
   await page.getByTestId('track-video').evaluate((v) => new Promise((done) => v.addEventListener('ended', done, { once: true })));
+  await wakeCalls(page, ['request screen', 'release']);
   const heard = sounds(await page.evaluate(() => window.__blocks));
   const spread = checkSounds(heard, parseTrack(TRACK));
   console.log(`track panel: cues at ${spread.map((ms) => ms.toFixed(1)).join(', ')} ms from their places`);
@@ -199,7 +231,7 @@ test('a film and its track play: each command the render, at its cue', async () 
 });
 
 test('a pause holds the track and a seek skips the cues jumped over', async () => {
-  const { context, page, problems } = await openPhone();
+  const { context, page, problems } = await openPhone(recordWakeLock);
   await loadFilm(page);
   const player = page.getByTestId('track-video');
   await player.evaluate((v) => v.play());
@@ -208,6 +240,7 @@ test('a pause holds the track and a seek skips the cues jumped over', async () =
   // advance by then (on the page's clock: the context's moves in steps).
   await loudBlocks(page, 1);
   const paused = await player.evaluate((v) => { v.pause(); return { time: performance.now() / 1000, film: v.currentTime }; });
+  await wakeCalls(page, ['request screen', 'release']);
   await page.evaluate(() => new Promise((done) => setTimeout(done, 1000)));  // the pause itself
   const resumed = await player.evaluate((v) => new Promise((done) => {
     const from = v.currentTime;
@@ -223,6 +256,8 @@ test('a pause holds the track and a seek skips the cues jumped over', async () =
     return stamp.contextTime + (performance.now() - stamp.performanceTime) / 1000;
   });
   await player.evaluate((v) => new Promise((done) => (v.ended ? done() : v.addEventListener('ended', done, { once: true }))));
+
+  await wakeCalls(page, ['request screen', 'release', 'request screen', 'release']);
 
   const heard = sounds(await page.evaluate(() => window.__blocks));
   const cues = parseTrack(TRACK);
