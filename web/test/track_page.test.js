@@ -282,7 +282,18 @@ test('installable and offline after the first visit; the audio session is "playb
   assert.equal(await page.evaluate(() => navigator.audioSession.type), 'playback');
   const manifest = await page.evaluate(async () => (await fetch(document.querySelector('link[rel="manifest"]').href)).json());
   assert.equal(manifest.display, 'standalone');
-  assert.ok(manifest.icons.length > 0 && manifest.start_url);
+  assert.ok(manifest.start_url);
+  // Every icon is served as declared; PNGs of 192 and 512 pixels, plain and maskable.
+  for (const icon of manifest.icons) {
+    const response = await fetch(new URL(icon.src, address));
+    assert.equal(response.headers.get('content-type'), icon.type, icon.src);
+    if (icon.type !== 'image/png') continue;
+    const png = Buffer.from(await response.arrayBuffer());
+    assert.equal(png.toString('latin1', 1, 4), 'PNG', icon.src);
+    assert.equal(`${png.readUInt32BE(16)}x${png.readUInt32BE(20)}`, icon.sizes, icon.src);
+  }
+  const pngs = manifest.icons.filter((i) => i.type === 'image/png').map((i) => `${i.sizes} ${i.purpose}`).sort();
+  assert.deepEqual(pngs, ['192x192 any', '192x192 maskable', '512x512 any', '512x512 maskable']);
   await page.evaluate(() => navigator.serviceWorker.ready);
   await page.reload();  // the worker now controls the page
   await page.waitForSelector('body[data-ready="true"]');
