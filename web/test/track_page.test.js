@@ -219,12 +219,15 @@ test('a film and its track play: each command the render, at its cue', async () 
   await page.waitForFunction(() => window.__page.state === 'running', null, { timeout: 5000 });
   await page.getByTestId('track-video').evaluate((v) => v.play());
   await wakeCalls(page, ['request screen']);  // the screen stays on while the track plays
-  await page.getByTestId('track-video').evaluate((v) => new Promise((done) => v.addEventListener('ended', done, { once: true })));
+  // The panel on the phone's screen while the second cue plays.
+  await page.waitForFunction(() => document.querySelector('[data-testid="track-video"]').currentTime > 1.8);
+  await page.evaluate(() => document.querySelector('section.track').scrollIntoView({ block: 'start' }));
+  await page.screenshot({ path: join(siteDir, '../screenshots/track-phone.png') });
+  await page.getByTestId('track-video').evaluate((v) => new Promise((done) => (v.ended ? done() : v.addEventListener('ended', done, { once: true }))));
   await wakeCalls(page, ['request screen', 'release']);
   const heard = sounds(await page.evaluate(() => window.__blocks));
   const spread = checkSounds(heard, parseTrack(TRACK));
   console.log(`track panel: cues at ${spread.map((ms) => ms.toFixed(1)).join(', ')} ms from their places`);
-  await page.screenshot({ path: join(siteDir, '../screenshots/track-phone.png'), fullPage: true });
   assert.match(await page.getByTestId('track-status').innerText(), /^Cue 4 of 4 at 4\.500 s: spray 200/);
   assert.deepEqual(problems, []);
   await context.close();
