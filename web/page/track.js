@@ -7,7 +7,7 @@ import { parseTrack, render } from './nimbara/nimbara.js';
 import { audioContext } from './page.js';
 
 const RATE = 44100;
-const AHEAD = 0.25;  // seconds of the film scheduled in advance
+const AHEAD = 0.5;  // seconds of the film scheduled in advance (a busy page may lag)
 const $ = (id) => document.querySelector(`[data-testid="${id}"]`);
 const video = $('track-video');
 const status = $('track-status');
@@ -86,7 +86,7 @@ function follow(ctx) {
 }
 
 function schedule() {
-  if (video.paused || video.seeking || cues.length === 0) return;
+  if (video.paused || video.ended || video.seeking || cues.length === 0) return;
   if (!anchor && (stillAt === null || video.currentTime === stillAt)) return;
   const ctx = audioContext();
   const film = follow(ctx) * anchor.rate + anchor.offset;
