@@ -1,7 +1,7 @@
 // The scent track panel: a video and its WebVTT track. The track's cues join
 // the video as a metadata text track; each command is scheduled on the
-// AudioContext's clock from the video's current time a little ahead of its
-// cue (the text track's cuechange alone comes too late and too coarse). A
+// AudioContext's clock from the video's current time, ahead of its cue (the
+// text track's cuechange alone comes too late and too coarse). A
 // pause holds the track, a seek moves it (cues jumped over are not played).
 import { parseTrack, render } from './nimbara/nimbara.js';
 import { audioContext } from './page.js';
@@ -52,7 +52,7 @@ function cueAt(seconds) {
 const STEPS = 0.2;
 const MOVED = 0.004;
 let anchor = null;   // { offset, rate }
-let stepped = [];    // recent { time, offset } of a clock that moves in steps
+let stepped = [];    // recent { time, offset, rate } of a clock that moves in steps
 let stillAt = null;  // the film's position while it has not moved yet
 
 function heardNow(ctx) {
@@ -93,12 +93,12 @@ function schedule() {
   const soonest = Math.ceil(ctx.currentTime * ctx.sampleRate) / ctx.sampleRate;
   for (; next < cues.length && cues[next].start < film + AHEAD; ++next) {
     const cue = cues[next];
-    const when = whenOf(cue, ctx);
+    const when = Math.max(whenOf(cue, ctx), soonest);
     const source = ctx.createBufferSource();
     source.buffer = cue.buffer;
     source.connect(ctx.destination);
-    source.start(Math.max(when, soonest));
-    const entry = { source, index: next, when: Math.max(when, soonest) };
+    source.start(when);
+    const entry = { source, index: next, when };
     pending.push(entry);
     source.addEventListener('ended', () => { pending = pending.filter((p) => p !== entry); }, { once: true });
     say(`Cue ${next + 1} of ${cues.length} at ${cue.start.toFixed(3)} s: ${cue.text.replace(/\s+/g, ' ')}`);
