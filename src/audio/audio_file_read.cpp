@@ -62,7 +62,16 @@ AudioFileFormat readAudioFile(const std::string& path, const AudioBlock& block, 
     if (pcm16) {
       n = sf_readf_short(file.get(), stored.data(), kFrames);
       const auto values = static_cast<std::size_t>(std::max<sf_count_t>(n, 0) * info.channels);
-      for (std::size_t i = 0; i < values; ++i) samples[i] = stored[i] * (1.0f / 32768.0f);
+      using Shorts = short __attribute__((vector_size(8 * sizeof(short))));
+      using Floats = float __attribute__((vector_size(8 * sizeof(float))));
+      std::size_t i = 0;
+      for (; i + 8 <= values; i += 8) {
+        Shorts in;
+        std::memcpy(&in, stored.data() + i, sizeof in);
+        const Floats out = __builtin_convertvector(in, Floats) * (1.0f / 32768.0f);
+        std::memcpy(samples.data() + i, &out, sizeof out);
+      }
+      for (; i < values; ++i) samples[i] = stored[i] * (1.0f / 32768.0f);
     } else {
       n = sf_readf_float(file.get(), samples.data(), kFrames);
     }
