@@ -113,6 +113,12 @@ class NIMBARA_API Backend {
   virtual std::int32_t takePlayed(std::vector<std::int16_t>* samples);
   /** Asks the output to run at `rate` while this backend's streams play. */
   virtual std::int32_t setPreferredSampleRate(double rate);
+  /** Whether a stream may play on an output that cannot run at the signal's
+   * rate, resampled (and logged so), rather than fail with
+   * NIMBARA_AUDIO_ERR_RATE. Each backend keeps its own default: the PipeWire
+   * backend refuses, the sound-server backend plays and the tool warns. An
+   * output that never resamples accepts either. */
+  virtual std::int32_t setAllowResampling(bool allow);
   /** The thread pause on this backend's clock; real time by default. */
   virtual void sleep(double seconds);
   /** Whether an immediate dispose hands the enqueued buffers back. */
