@@ -11,7 +11,10 @@ std::shared_ptr<nimbara::platform::Backend> chosenBackend(const Globals& globals
   try {
     auto backend = nimbara::platform::makeBackend(globals.device, globals.route);
     // Without the option each backend keeps its own default.
-    if (globals.allowResampling) backend->setAllowResampling(true);
+    if (globals.allowResampling && backend->setAllowResampling(true) != 0) {
+      throw UsageError(std::string("--allow-resampling: the ") + backend->name() +
+                       " output plays at 44100 Hz or not at all");
+    }
     return backend;
   } catch (const std::invalid_argument& e) {
     throw UsageError(e.what());

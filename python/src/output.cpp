@@ -67,7 +67,10 @@ class Output {
   Output(const std::string& device, const std::string& route, bool allowResampling)
       : backend_(platform::makeBackend(device, route)), hears_(keepsWhatItPlays(*backend_)) {
     // Without it each backend keeps its own default, as in the tool.
-    if (allowResampling) backend_->setAllowResampling(true);
+    if (allowResampling && backend_->setAllowResampling(true) != 0) {
+      throw py::value_error(std::string("the ") + backend_->name() +
+                            " output plays at 44100 Hz or not at all: it cannot allow resampling");
+    }
     py::gil_scoped_release release;
     std::lock_guard lock(outputMutex());
     Installed installed(backend_);
