@@ -371,6 +371,10 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
     check "pipewire puff" 0 "$tool" --device pipewire "${resample[@]}" puff 65 43 21 --time 700
     wait "$listener"
     contains "pipewire listen" "$work/listen" "puff rgb(65, 43, 21) special 0 time 700 ms"
+    # Stopped, the player misses the graph's cycles: its clock shows the gap.
+    stop_midway "a PipeWire player stopped mid-timeline" 'media.name = "nimbara"' \
+      --device pipewire "${resample[@]}"
+    contains "a PipeWire player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
   fi
 
   check "flash warns about the rate" 0 "$tool" --device pulse flash 4 5 6
