@@ -73,14 +73,8 @@ std::int32_t PipeWireDevice::outputLevel(OutputLevel* level) {
 
 std::int32_t PipeWireDevice::playbackRate(PlaybackRate* rate) {
   return guarded([&] {
-    // The graph's rate while a stream of ours asks for 44100 Hz: one opened
-    // with resampling allowed, so that it tells rather than refuses.
-    std::unique_ptr<OutputStream> probe;
     PlaybackRate found;
-    if (const std::int32_t status = pipewire::openPlayback(node_, true, &probe, &found.rate)) {
-      return status;
-    }
-    probe->close();
+    if (const std::int32_t status = pipewire::probeRate(node_, &found.rate)) return status;
     found.exact = found.rate == NIMBARA_SAMPLE_RATE;
     if (!found.exact) found.howToAllow = kHowToAllow;
     *rate = std::move(found);
@@ -101,11 +95,9 @@ std::int32_t PipeWireDevice::listOutputs(std::vector<OutputInfo>* outputs) {
       info.route = pipewire::routeOf(sink);
       info.isDefault = sink.name == graph.defaultSink;
       // The rate shows only while a stream with the transmission's request plays.
-      std::unique_ptr<OutputStream> probe;
-      const std::int32_t status = pipewire::openPlayback(sink.name, true, &probe, &info.rate);
+      const std::int32_t status = pipewire::probeRate(sink.name, &info.rate);
       if (status == NIMBARA_AUDIO_ERR_NO_SERVER) return status;
       if (status != NIMBARA_AUDIO_OK) info.rate = 0;
-      if (probe) probe->close();
       info.exact = info.rate == NIMBARA_SAMPLE_RATE;
       found.push_back(std::move(info));
     }

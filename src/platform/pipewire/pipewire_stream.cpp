@@ -44,14 +44,15 @@ class Playback : public OutputStream {
   }
   ~Playback() override { close(); }
 
-  std::int32_t open() {
+  // A probe only learns the graph's rate: it neither refuses nor logs.
+  std::int32_t open(bool probe = false) {
     initOnce();
     loop_ = pw_thread_loop_new("nimbara", nullptr);
     if (loop_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     pw_properties* props = pw_properties_new(
         PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
         "Production", PW_KEY_NODE_RATE, "1/44100", PW_KEY_NODE_FORCE_RATE, "true",
-        PW_KEY_NODE_LATENCY, "1024/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
+        PW_KEY_NODE_LATENCY, "2048/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
     if (props == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     if (!node_.empty()) {
       // A named node or none: without it the session manager would play on
@@ -105,7 +106,7 @@ class Playback : public OutputStream {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     const std::uint32_t rate = graphRate_.load(std::memory_order_acquire);
-    if (rate != NIMBARA_SAMPLE_RATE) {
+    if (rate != NIMBARA_SAMPLE_RATE && !probe) {
       if (!allowResampling_) return NIMBARA_AUDIO_ERR_RATE;
       NIMBARA_LOG(" [WARN] the PipeWire graph runs at %u Hz: the signal is resampled", rate);
     }
@@ -305,16 +306,26 @@ class Playback : public OutputStream {
 }  // namespace
 
 std::int32_t openPlayback(const std::string& node, bool allowResampling,
-                          std::unique_ptr<OutputStream>* stream, std::uint32_t* graphRate) {
+                          std::unique_ptr<OutputStream>* stream) {
   try {
     auto opened = std::make_unique<Playback>(node, allowResampling);
     if (const std::int32_t status = opened->open()) return status;
-    if (graphRate != nullptr) *graphRate = opened->graphRate();
     *stream = std::move(opened);
   } catch (const std::bad_alloc&) {
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
   }
   return NIMBARA_AUDIO_OK;
+}
+
+std::int32_t probeRate(const std::string& node, std::uint32_t* rate) {
+  try {
+    Playback probe(node, true);
+    if (const std::int32_t status = probe.open(true)) return status;
+    *rate = probe.graphRate();
+    return probe.close();
+  } catch (const std::bad_alloc&) {
+    return NIMBARA_AUDIO_ERR_NO_MEMORY;
+  }
 }
 
 }  // namespace nimbara::platform::pipewire
