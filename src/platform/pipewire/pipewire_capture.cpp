@@ -49,7 +49,7 @@ class Capture : public CaptureStream {
     pw_properties* props =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
                           PW_KEY_MEDIA_ROLE, "Production", PW_KEY_NODE_RATE, "1/44100",
-                          PW_KEY_NODE_LATENCY, "882/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
+                          PW_KEY_NODE_LATENCY, "2048/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
     if (props == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     if (monitor) pw_properties_set(props, PW_KEY_STREAM_CAPTURE_SINK, "true");
     if (!node.empty()) {

@@ -205,16 +205,17 @@ class Playback : public OutputStream {
     return start != kNowhere && consumed > start;
   }
 
-  // Real-time thread: the driver's clock moved on by more than the last
-  // cycle's length on the same clock and rate, so the graph ran cycles
-  // without this stream.
+  // Real-time thread: the driver's clock moved on by more than a cycle on
+  // the same clock and rate, so the graph ran cycles without this stream.
+  // Drivers advance the position by the last cycle's length or by the new
+  // one where the quantum changes: a step up to the longer is no gap.
   void checkClock(std::size_t consumed) {
     const spa_io_position* position = position_.load(std::memory_order_acquire);
     if (position == nullptr) return;
     const spa_io_clock& clock = position->clock;
     if (lastDuration_ != 0 && clock.id == lastClock_ && clock.rate.denom == lastRate_ &&
-        clock.position > lastPosition_ + lastDuration_ && inSound(consumed) &&
-        skippedAt_.load(std::memory_order_relaxed) == kNowhere) {
+        clock.position > lastPosition_ + std::max(lastDuration_, clock.duration) &&
+        inSound(consumed) && skippedAt_.load(std::memory_order_relaxed) == kNowhere) {
       skippedAt_.store(consumed, std::memory_order_release);
     }
     lastClock_ = clock.id;
