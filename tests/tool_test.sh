@@ -357,10 +357,13 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
     contains "pipewire status on the speaker" "$work/out" "route: Speaker"
     resample=()
     if [ "$exact" = false ]; then
-      check "pipewire refuses to resample" 1 "$tool" --device pipewire puff 1 2 3
+      check "pipewire refuses to resample" 1 "$tool" --device pipewire puff 1 2 3 &&
+        one_line "pipewire refuses to resample"
       contains "pipewire refuses to resample" "$work/err" "(status -14)"
       contains "pipewire refuses to resample" "$work/err" "--allow-resampling"
       resample=(--allow-resampling)
+      check "pipewire status when refusing" 0 "$tool" --device pipewire status
+      contains "pipewire status when refusing" "$work/out" "rate: 48000 Hz, refused (--allow-resampling"
     fi
     "$tool" --device pipewire listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
     listener=$!

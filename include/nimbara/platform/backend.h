@@ -80,6 +80,9 @@ struct PlaybackRate {
   /** How to let the output run at the signal's rate: one sentence and the
    * configuration lines, ending in a newline; empty when exact or unknown. */
   std::string howToAllow;
+  /** Not exact, and the output refuses to play rather than resample until
+   * resampling is allowed: a transmission fails with NIMBARA_AUDIO_ERR_RATE. */
+  bool refused = false;
 };
 
 /** An audio output and the operations on it. Every call but OutputStream's

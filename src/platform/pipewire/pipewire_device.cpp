@@ -77,6 +77,7 @@ std::int32_t PipeWireDevice::playbackRate(PlaybackRate* rate) {
     if (const std::int32_t status = pipewire::probeRate(node_, &found.rate)) return status;
     found.exact = found.rate == NIMBARA_SAMPLE_RATE;
     if (!found.exact) found.howToAllow = kHowToAllow;
+    found.refused = !found.exact && !allowResampling_.load(std::memory_order_relaxed);
     *rate = std::move(found);
     return std::int32_t{NIMBARA_AUDIO_OK};
   });
