@@ -55,8 +55,25 @@ struct Tally {
   int reported = 0;
   int reportedButExact = 0;
   std::vector<int> silent;
+  std::vector<std::string> silentHow;
   std::map<std::string, std::vector<int>> reasons;
 };
+
+// Where a transmission that was not recorded whole first differs from its
+// signal: its opening (the wake-up and the silence after it) is taken to be
+// the next one in the recording.
+std::string howItDiffers(std::vector<std::int16_t>::const_iterator from,
+                         std::vector<std::int16_t>::const_iterator end,
+                         const std::vector<std::int16_t>& expected) {
+  const auto openingEnd = expected.begin() + 2 * (220 + 441 + 1);
+  const auto start = std::search(from, end, expected.begin(), openingEnd);
+  if (start == end) return "not found";
+  const auto shorter = std::min<std::ptrdiff_t>(end - start, std::ssize(expected));
+  const auto [wrong, _] = std::mismatch(start, start + shorter, expected.begin());
+  const auto zeros = std::find_if(wrong, end, [](std::int16_t sample) { return sample != 0; });
+  return "at frame " + std::to_string((wrong - start) / 2) + ", " +
+         std::to_string((zeros - wrong) / 2) + " frames of silence";
+}
 
 // Finds each transmission in the recording in order, each one after the last
 // one found: the recording is hundreds of seconds long.
@@ -79,6 +96,7 @@ Tally classify(const std::vector<std::int32_t>& statuses,
       ++tally.exact;
     } else {
       tally.silent.push_back(i);
+      tally.silentHow.push_back(howItDiffers(from, recording.end(), expected));
     }
   }
   return tally;
@@ -107,6 +125,9 @@ void printTable(const std::string& title, const std::string& output, int count, 
   }
   if (!tally.silent.empty()) {
     std::printf("- **lost silently**: %s\n", numbered(tally.silent).c_str());
+    for (std::size_t i = 0; i < tally.silent.size() && i < 10; ++i) {
+      std::printf("  - #%d differs %s\n", tally.silent[i], tally.silentHow[i].c_str());
+    }
   }
   std::printf("\n");
 }
