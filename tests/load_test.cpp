@@ -60,8 +60,9 @@ struct Tally {
 };
 
 // Where a transmission that was not recorded whole first differs from its
-// signal: its opening (the wake-up and the silence after it) is taken to be
-// the next one in the recording.
+// signal, and whether silence came in there or frames went missing: its
+// opening (the wake-up and the silence after it) is taken to be the next one
+// in the recording.
 std::string howItDiffers(std::vector<std::int16_t>::const_iterator from,
                          std::vector<std::int16_t>::const_iterator end,
                          const std::vector<std::int16_t>& expected) {
@@ -69,10 +70,21 @@ std::string howItDiffers(std::vector<std::int16_t>::const_iterator from,
   const auto start = std::search(from, end, expected.begin(), openingEnd);
   if (start == end) return "not found";
   const auto shorter = std::min<std::ptrdiff_t>(end - start, std::ssize(expected));
-  const auto [wrong, _] = std::mismatch(start, start + shorter, expected.begin());
+  const auto wrong = std::mismatch(start, start + shorter, expected.begin()).first;
+  const std::ptrdiff_t at = wrong - start;
+  const std::string where = "at frame " + std::to_string(at / 2);
+  if (wrong == end) return where + ", where the recording ends";
   const auto zeros = std::find_if(wrong, end, [](std::int16_t sample) { return sample != 0; });
-  return "at frame " + std::to_string((wrong - start) / 2) + ", " +
-         std::to_string((zeros - wrong) / 2) + " frames of silence";
+  if (zeros != wrong)
+    return where + ", " + std::to_string((zeros - wrong) / 2) + " frames of silence";
+  // The rest of the signal (50 frames at least), frames later than it should be.
+  for (std::ptrdiff_t skip = 2; at + skip + 100 <= std::ssize(expected); skip += 2) {
+    const auto rest = std::min(std::ssize(expected) - at - skip, end - wrong);
+    if (std::equal(wrong, wrong + rest, expected.begin() + at + skip)) {
+      return where + ", " + std::to_string(skip / 2) + " frames missing";
+    }
+  }
+  return where;
 }
 
 // Finds each transmission in the recording in order, each one after the last
