@@ -657,6 +657,21 @@ def test_room_cue():
     check(stopped.returncode == 1 and len(stopped.stderr.splitlines()) == 1 and
           "no result" in stopped.stderr, "a service that does not answer fails the track",
           stopped.stderr)
+    # An accessory that fails a cue stops the track: no later cue goes out.
+    absent = Service(broker, "absent", "--device", "virtual", "--route", "Speaker")
+    check(wait_online(broker, "absent"), "absent online")
+    sent = Watch(broker, "nimbara/absent/virtual/command")
+    failed = subprocess.run([TOOL, "play", track, "--mqtt", url, "--only", "absent"],
+                            capture_output=True, text=True, timeout=60)
+    sent.broker.publish(sent.sync, "end")
+    sent.wait(lambda m: sum(1 for t, p, _ in m if t == sent.sync and p == "end") > 0)
+    commands = [p for t, p, _ in sent.messages if t != sent.sync]
+    check(failed.returncode == 1 and len(failed.stderr.splitlines()) == 1 and
+          "absent/virtual: the cue at 0.000 s failed" in failed.stderr and
+          "No device" in failed.stderr, "a failed cue fails the track, named", failed.stderr)
+    check(0 < len(commands) < len(ROOM_CUES), "no cue goes out after a failure", str(commands))
+    sent.close()
+    absent.stop()
     results.close()
     for service in services:
         service.stop()

@@ -2,7 +2,8 @@
 # The nimbara tool end to end, through the real binary: render then decode
 # for every operation, the error cases with their exit statuses, the virtual
 # accessory, and listen against the test script's sound server: PulseAudio, or
-# PipeWire (NIMBARA_TEST_SERVER) with its sinks at NIMBARA_TEST_SINK_RATE.
+# PipeWire (NIMBARA_TEST_SERVER) with its sinks at NIMBARA_TEST_SINK_RATE. The
+# server's tests name their backend: the default one depends on which server runs.
 set -u
 tool="$1"
 work=$(mktemp -d)
@@ -211,8 +212,11 @@ check "no device" 3 "$tool" --device virtual --route Speaker puff 1 2 3 && one_l
 contains "no device" "$work/err" "No device."
 check "status without a device" 3 "$tool" --device virtual --route Speaker status
 contains "status without a device" "$work/out" "device: absent"
-check "no server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" status && one_line "no server"
+check "no server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" --device pulse status && one_line "no server"
 contains "no server" "$work/err" "--device virtual"
+check "no PipeWire" 1 env PIPEWIRE_RUNTIME_DIR="$work" "$tool" --device pipewire status &&
+  one_line "no PipeWire"
+contains "no PipeWire" "$work/err" "--device virtual"
 
 # The virtual accessory shows what it did; the skip switch sends without a route.
 check "virtual puff" 0 "$tool" --device virtual puff 255 64 0 --time 2000
@@ -233,17 +237,17 @@ contains "wav device" "$work/out" "flash rgb(1, 2, 3)"
 
 # listen decodes a puff that a second process plays through the headphone sink.
 if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
-  "$tool" listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
+  "$tool" --device pulse listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
   listener=$!
   for _ in $(seq 100); do
     pactl list short source-outputs 2>/dev/null | grep -q . && break
     sleep 0.05
   done
-  check "puff on the server" 0 "$tool" puff 12 34 56 --time 700
+  check "puff on the server" 0 "$tool" --device pulse puff 12 34 56 --time 700
   wait "$listener"
   contains "listen" "$work/listen" "puff rgb(12, 34, 56) special 0 time 700 ms"
   contains "listen" "$work/listen" "accessory sprays for 700 ms"
-  check "status on the server" 0 "$tool" status
+  check "status on the server" 0 "$tool" --device pulse status
   contains "status" "$work/out" "route: Headphones"
   contains "status" "$work/out" "device: present"
   check "status on the speaker" 3 "$tool" --device pulse:speaker status
@@ -251,7 +255,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
 
   # Presence is judged on the sink that plays, not on the default one.
   check "puff on the speaker" 3 "$tool" --device pulse:speaker puff red && one_line "speaker puff"
-  "$tool" --json listen --source speaker.monitor --count 1 --seconds 20 >"$work/listen" 2>/dev/null &
+  "$tool" --device pulse --json listen --source speaker.monitor --count 1 --seconds 20 >"$work/listen" 2>/dev/null &
   listener=$!
   for _ in $(seq 100); do
     pactl list short source-outputs 2>/dev/null | grep -q . && break
@@ -261,17 +265,17 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   wait "$listener"
   json_lines "heard on the chosen sink" "$work/listen" \
     'lines[0]["command"] == "flash" and (lines[0]["red"], lines[0]["green"], lines[0]["blue"]) == (9, 8, 7)'
-  check "too few heard" 1 "$tool" listen --source speaker.monitor --count 1 --seconds 0.5 &&
+  check "too few heard" 1 "$tool" --device pulse listen --source speaker.monitor --count 1 --seconds 0.5 &&
     one_line "too few heard"
   contains "too few heard" "$work/err" "heard 0 of 1 transmissions"
-  check "no such source" 1 "$tool" listen --source nosuch --seconds 1 && one_line "no such source"
+  check "no such source" 1 "$tool" --device pulse listen --source nosuch --seconds 1 && one_line "no such source"
   contains "no such source" "$work/err" 'there is no source named "nosuch"'
 
   # A timeline whose process is stopped while it plays: the server runs dry in
   # the middle of the sound, and the play fails with one line; played through
   # undisturbed, it succeeds.
   printf '0.0 flash red\n0.5 flash green\n1.0 flash blue\n1.5 flash 1 2 3\n' >"$work/four.txt"
-  check "a timeline on the server" 0 "$tool" --skip-precheck play "$work/four.txt"
+  check "a timeline on the server" 0 "$tool" --device pulse --skip-precheck play "$work/four.txt"
   # Plays the four-cue timeline with the given device options, stops the
   # player 0.4 s into its stream (once the server shows a stream matching
   # $2) for longer than the server's buffer lasts, and expects exit status 1.
@@ -292,7 +296,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
     if [ "$status" -eq 1 ]; then passes=$((passes + 1)); else
       echo "FAIL: $name: exit status $status"; cat "$work/err"; failures=$((failures + 1)); fi
   }
-  stop_midway "a player stopped mid-timeline" 'media.name = "nimbara"'
+  stop_midway "a player stopped mid-timeline" 'media.name = "nimbara"' --device pulse
   grep -v -e '^nimbara: warning: the sink runs at' -e '^  context.properties' "$work/err" >"$work/err.errors"
   mv "$work/err.errors" "$work/err"
   one_line "a player stopped mid-timeline"
@@ -332,14 +336,48 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
   rate=${NIMBARA_TEST_SINK_RATE:-44100}
   exact=false; [ "$rate" -eq 44100 ] && exact=true
   pyexact=False; [ "$exact" = true ] && pyexact=True
-  check "status rate" 0 "$tool" --json status
+  check "status rate" 0 "$tool" --device pulse --json status
   json_lines "status rate" "$work/out" "lines[0]['rate'] == $rate and lines[0]['exact'] == $pyexact"
-  check "outputs" 0 "$tool" --json outputs
+  check "outputs" 0 "$tool" --device pulse --json outputs
   json_lines "outputs" "$work/out" \
     "{'name': 'headphones', 'description': 'Headphones', 'port': '', 'present': True, 'default': True, 'rate': $rate, 'exact': $pyexact} in lines[0] and {'name': 'speaker', 'description': 'Speaker', 'port': '', 'present': False, 'default': False, 'rate': $rate, 'exact': $pyexact} in lines[0]"
-  check "outputs without a server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" outputs &&
+  check "outputs without a server" 1 env PULSE_SERVER=unix:"$work"/nothing "$tool" --device pulse outputs &&
     one_line "outputs without a server"
-  check "flash warns about the rate" 0 "$tool" flash 4 5 6
+  # The native PipeWire backend reads the same sinks as the server's
+  # PulseAudio interface; a graph that cannot run at 44100 Hz is refused
+  # unless resampling is allowed.
+  if [ "$kind" = pipewire ]; then
+    check "pipewire status" 0 "$tool" --device pipewire --json status
+    json_lines "pipewire status" "$work/out" \
+      "lines[0]['route'] == 'Headphones' and lines[0]['present'] and lines[0]['rate'] == $rate and lines[0]['exact'] == $pyexact"
+    check "pipewire outputs" 0 "$tool" --device pipewire --json outputs
+    json_lines "pipewire outputs" "$work/out" \
+      "{'name': 'headphones', 'description': 'Headphones', 'port': '', 'present': True, 'default': True, 'rate': $rate, 'exact': $pyexact} in lines[0] and {'name': 'speaker', 'description': 'Speaker', 'port': '', 'present': False, 'default': False, 'rate': $rate, 'exact': $pyexact} in lines[0]"
+    check "pipewire status on the speaker" 3 "$tool" --device pipewire:speaker status
+    contains "pipewire status on the speaker" "$work/out" "route: Speaker"
+    resample=()
+    if [ "$exact" = false ]; then
+      check "pipewire refuses to resample" 1 "$tool" --device pipewire puff 1 2 3
+      contains "pipewire refuses to resample" "$work/err" "(status -14)"
+      contains "pipewire refuses to resample" "$work/err" "--allow-resampling"
+      resample=(--allow-resampling)
+    fi
+    "$tool" --device pipewire listen --count 1 --seconds 20 >"$work/listen" 2>"$work/listen.err" &
+    listener=$!
+    for _ in $(seq 100); do
+      pactl list short source-outputs 2>/dev/null | grep -q . && break
+      sleep 0.05
+    done
+    check "pipewire puff" 0 "$tool" --device pipewire "${resample[@]}" puff 65 43 21 --time 700
+    wait "$listener"
+    contains "pipewire listen" "$work/listen" "puff rgb(65, 43, 21) special 0 time 700 ms"
+    # Stopped, the player misses the graph's cycles: its clock shows the gap.
+    stop_midway "a PipeWire player stopped mid-timeline" 'media.name = "nimbara"' \
+      --device pipewire "${resample[@]}"
+    contains "a PipeWire player stopped mid-timeline" "$work/err" "the output ran dry while the command played"
+  fi
+
+  check "flash warns about the rate" 0 "$tool" --device pulse flash 4 5 6
   if [ "$exact" = true ]; then
     if grep -q "resampled" "$work/err"; then
       echo "FAIL: an exact sink was warned about:"; cat "$work/err"; failures=$((failures + 1)); fi
@@ -370,7 +408,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
 
   # A turned-down output is warned about before a flash; the flash still goes.
   pactl set-sink-volume headphones 50%
-  check "flash at half volume" 0 "$tool" flash 1 2 3
+  check "flash at half volume" 0 "$tool" --device pulse flash 1 2 3
   contains "flash at half volume" "$work/err" "warning: the output is below full volume"
   pactl set-sink-volume headphones 100%
 
@@ -395,7 +433,7 @@ if [ -n "${NIMBARA_TEST_PULSE:-}" ]; then
     socket="$private/native"
   fi
   for _ in $(seq 100); do PULSE_SERVER="unix:$socket" pactl info >/dev/null 2>&1 && break; sleep 0.05; done
-  PULSE_SERVER="unix:$socket" "$tool" puff 1 2 3 >"$work/out" 2>"$work/err" &
+  PULSE_SERVER="unix:$socket" "$tool" --device pulse puff 1 2 3 >"$work/out" 2>"$work/err" &
   puff=$!
   # Once its stream is on the server (not the rate probe's), the puff is under way.
   for _ in $(seq 200); do

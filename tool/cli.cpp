@@ -89,6 +89,8 @@ void addGlobalOptions(CLI::App& app, Requests& r) {
                "print JSON (decode and listen: JSON Lines, one object a line)");
   app.add_flag("--skip-precheck", r.globals.skipPrecheck,
                "send without checking for headphones on the audio route");
+  app.add_flag("--allow-resampling", r.globals.allowResampling,
+               "play on an output that cannot run at 44100 Hz, resampled, rather than fail");
 }
 
 // status, outputs and the commands sent to the accessory.

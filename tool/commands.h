@@ -28,6 +28,7 @@ struct Globals {
   int verbosity = 0;  // -1 quiet, 1 a trace of what was sent, 2 the library's log too
   bool json = false;
   bool skipPrecheck = false;
+  bool allowResampling = false;  // play resampled where the output cannot run at 44100 Hz
 };
 
 struct CommandWords;

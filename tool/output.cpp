@@ -9,7 +9,13 @@ namespace tool {
 
 std::shared_ptr<nimbara::platform::Backend> chosenBackend(const Globals& globals) {
   try {
-    return nimbara::platform::makeBackend(globals.device, globals.route);
+    auto backend = nimbara::platform::makeBackend(globals.device, globals.route);
+    // Without the option each backend keeps its own default.
+    if (globals.allowResampling && backend->setAllowResampling(true) != 0) {
+      throw UsageError(std::string("--allow-resampling: the ") + backend->name() +
+                       " output plays at 44100 Hz or not at all");
+    }
+    return backend;
   } catch (const std::invalid_argument& e) {
     throw UsageError(e.what());
   }
@@ -49,8 +55,12 @@ std::shared_ptr<nimbara::NimbaraProtocol> checkPresence(const Globals& globals) 
 void failedOutput(const Globals& globals, const Output& output, std::int32_t status) {
   const bool file = std::string(output.backend->name()) == "wav";
   const std::string where = file ? "cannot write " + globals.device.substr(4) + ": " : "";
+  // The library's text says resampling can be allowed; here is how.
+  const std::string remedy = status == NIMBARA_AUDIO_ERR_RATE && !globals.allowResampling
+                                 ? "; --allow-resampling plays it resampled"
+                                 : "";
   throw std::runtime_error(where + nimbaraAudioStatusText(status) + " (status " +
-                           std::to_string(status) + "); the command did not go out whole");
+                           std::to_string(status) + "); the command did not go out whole" + remedy);
 }
 
 bool readRate(const Output& output, nimbara::platform::PlaybackRate* rate) {

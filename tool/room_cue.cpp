@@ -18,7 +18,6 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -112,20 +111,43 @@ class Room {
     return found;
   }
 
+  // Until `until`, or sooner when one of `awaited` has failed: that failure,
+  // or "".
+  std::string failureBy(const std::vector<std::pair<std::string, std::string>>& awaited,
+                        const std::vector<std::string>& cueOf, Clock::time_point until) {
+    std::unique_lock lock(mutex_);
+    std::string failure;
+    changed_.wait_until(lock, until, [&] { return !(failure = failed(awaited, cueOf)).empty(); });
+    return failure;
+  }
+
   // Every result awaited, or until `deadline`: the first failure, or "".
   std::string await(const std::vector<std::pair<std::string, std::string>>& awaited,
                     const std::vector<std::string>& cueOf, Clock::time_point deadline) {
     std::unique_lock lock(mutex_);
+    std::string failure;
     changed_.wait_until(lock, deadline, [&] {
-      return std::all_of(awaited.begin(), awaited.end(),
-                         [&](const auto& key) { return results_.contains(key); });
+      failure = failed(awaited, cueOf);
+      return !failure.empty() || std::all_of(awaited.begin(), awaited.end(), [&](const auto& key) {
+        return results_.contains(key);
+      });
     });
+    if (!failure.empty()) return failure;
     for (std::size_t i = 0; i < awaited.size(); ++i) {
-      const auto result = results_.find(awaited[i]);
-      if (result == results_.end()) {
+      if (!results_.contains(awaited[i])) {
         return awaited[i].first + ": no result for the cue at " + cueOf[i];
       }
-      if (result->second.result != "done") {
+    }
+    return "";
+  }
+
+ private:
+  // The first of `awaited` whose result is not "done", or "" (under the lock).
+  std::string failed(const std::vector<std::pair<std::string, std::string>>& awaited,
+                     const std::vector<std::string>& cueOf) const {
+    for (std::size_t i = 0; i < awaited.size(); ++i) {
+      const auto result = results_.find(awaited[i]);
+      if (result != results_.end() && result->second.result != "done") {
         return awaited[i].first + ": the cue at " + cueOf[i] + " failed: " +
                (result->second.message.empty() ? result->second.result : result->second.message);
       }
@@ -133,7 +155,6 @@ class Room {
     return "";
   }
 
- private:
   std::mutex mutex_;
   std::condition_variable changed_;
   Clock::time_point lastNews_ = Clock::now();
@@ -261,9 +282,11 @@ int runRoomCue(const Globals& globals, const std::string& path, const RoomReques
     const std::int64_t at = start + std::llround(cue.start * 1000);
     lastAt = at;
     // A cue goes out a little before it starts: the services' queues hold only
-    // what is about to play, however long the track.
-    std::this_thread::sleep_until(
-        std::chrono::system_clock::time_point(std::chrono::milliseconds(at - kLeadMs)));
+    // what is about to play, however long the track. None goes out after a
+    // failure: the room would play the track with a hole in it.
+    const std::string failure = room.failureBy(
+        awaited, cueOf, Clock::now() + std::chrono::milliseconds(at - kLeadMs - unixMs()));
+    if (!failure.empty()) throw std::runtime_error(failure);
     Json fields = Json::parse(nimbara::commandFields(cue.command));
     fields["at"] = at;
     fields["id"] = "cue-" + run + "-" + std::to_string(i + 1);

@@ -41,6 +41,9 @@ class Accessory:
     "wav:PATH" (into a WAV file, as fast as it is written). ``route`` names the
     virtual or WAV output's route (its presence test reads it). With
     ``skip_precheck`` commands go out even when the route has no headphones.
+    With ``allow_resampling`` an output that cannot run at 44100 Hz plays the
+    signal resampled rather than fail (the "pipewire" output fails without
+    it; the "pulse" output plays resampled either way).
 
     Every command blocks until its sound has been played; other Python threads
     run meanwhile. Commands from several threads take turns. Errors:
@@ -54,7 +57,7 @@ class Accessory:
     """
 
     def __init__(self, device: str = "pulse", route: Optional[str] = None,
-                 skip_precheck: bool = False):
+                 skip_precheck: bool = False, allow_resampling: bool = False):
         if not isinstance(device, str):
             raise TypeError(f"device must be a str, not {type(device).__name__}")
         if route is not None and not isinstance(route, str):
@@ -63,7 +66,7 @@ class Accessory:
             raise ValueError("a pulse output's route is its sink's description; choose the sink "
                              'with "pulse:SINK" instead')
         self._device = device
-        self._output = _nimbara.Output(device, route or "")
+        self._output = _nimbara.Output(device, route or "", bool(allow_resampling))
         self.skip_precheck = bool(skip_precheck)
 
     def __repr__(self):

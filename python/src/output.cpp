@@ -64,8 +64,13 @@ bool keepsWhatItPlays(platform::Backend& output) {
 
 class Output {
  public:
-  Output(const std::string& device, const std::string& route)
+  Output(const std::string& device, const std::string& route, bool allowResampling)
       : backend_(platform::makeBackend(device, route)), hears_(keepsWhatItPlays(*backend_)) {
+    // Without it each backend keeps its own default, as in the tool.
+    if (allowResampling && backend_->setAllowResampling(true) != 0) {
+      throw py::value_error(std::string("the ") + backend_->name() +
+                            " output plays at 44100 Hz or not at all: it cannot allow resampling");
+    }
     py::gil_scoped_release release;
     std::lock_guard lock(outputMutex());
     Installed installed(backend_);
@@ -191,7 +196,8 @@ class Output {
 
 void bindOutput(py::module_& m) {
   py::class_<Output>(m, "Output")
-      .def(py::init<const std::string&, const std::string&>(), py::arg("device"), py::arg("route"))
+      .def(py::init<const std::string&, const std::string&, bool>(), py::arg("device"),
+           py::arg("route"), py::arg("allow_resampling"))
       .def("close", &Output::close)
       .def_property_readonly("closed", &Output::closed)
       .def("route", &Output::route)

@@ -108,6 +108,7 @@ def test_a_failing_output_raises_audio_error(tmp_path):
     (lambda: nimbara.Accessory(3), TypeError, "device must be a str"),
     (lambda: nimbara.Accessory("virtual", route=5), TypeError, "route must be"),
     (lambda: nimbara.Accessory("pulse", route="Headphones"), ValueError, "pulse:SINK"),
+    (lambda: nimbara.Accessory("alsa", allow_resampling=True), ValueError, "cannot allow resampling"),
 ])
 def test_bad_outputs(make, error, words):
     with pytest.raises(error, match=words):

@@ -208,7 +208,8 @@ const char* nimbaraAudioStatusText(int32_t status) {
     case NIMBARA_AUDIO_ERR_NO_SUCH_NAME:
       return "no output or source of that name";
     case NIMBARA_AUDIO_ERR_RATE:
-      return "the output cannot run at 44100 Hz without resampling the signal";
+      return "the output cannot run at 44100 Hz without resampling the signal, and resampling "
+             "is not allowed (allow it to play resampled)";
     default:
       return status < 0 ? "unknown audio error" : "platform status";
   }

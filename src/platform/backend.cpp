@@ -38,6 +38,9 @@ std::int32_t Backend::takePlayed(std::vector<std::int16_t>*) {
 std::int32_t Backend::setPreferredSampleRate(double) {
   return NIMBARA_AUDIO_OK;
 }
+std::int32_t Backend::setAllowResampling(bool) {
+  return NIMBARA_AUDIO_OK;
+}
 void Backend::sleep(double seconds) {
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }

@@ -32,6 +32,8 @@ struct BackendEntry {
 
 // Whether a PulseAudio server (PipeWire's included) is configured or running.
 bool soundServerRuns();
+// Whether a PipeWire daemon answers on the socket its clients would use.
+bool pipeWireRuns();
 
 std::shared_ptr<Backend> makePulseBackend(const BackendArgs& args);
 std::shared_ptr<Backend> makeVirtualBackend(const BackendArgs& args);

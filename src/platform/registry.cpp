@@ -16,13 +16,14 @@ namespace {
 using detail::BackendEntry;
 
 constexpr std::array kBackends = {
+#ifdef NIMBARA_HAVE_PIPEWIRE
+    // Natively where PipeWire runs: its PulseAudio interface would answer too.
+    BackendEntry{"pipewire", &detail::makePipeWireBackend, "pipewire, pipewire:NODE", true,
+                 &detail::pipeWireRuns},
+#endif
 #ifdef NIMBARA_HAVE_PULSE
     BackendEntry{"pulse", &detail::makePulseBackend, "pulse, pulse:SINK", true,
                  &detail::soundServerRuns},
-#endif
-#ifdef NIMBARA_HAVE_PIPEWIRE
-    // Not the default until it reads presence, level and outputs.
-    BackendEntry{"pipewire", &detail::makePipeWireBackend, "pipewire, pipewire:NODE", false},
 #endif
 #ifdef NIMBARA_HAVE_ALSA
     BackendEntry{"alsa", &detail::makeAlsaBackend, "alsa, alsa:PCM", true},

@@ -45,6 +45,10 @@ int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate) {
   return onBackend([&](auto& b) { return b.setPreferredSampleRate(rate); });
 }
 
+int32_t nimbaraAudioSessionSetAllowResampling(bool allow) {
+  return onBackend([&](auto& b) { return b.setAllowResampling(allow); });
+}
+
 int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity) {
   if (name == nullptr || capacity == 0) return NIMBARA_AUDIO_ERR_INVALID;
   name[0] = '\0';

@@ -133,17 +133,23 @@ struct Receiver::State {
   // cancels.
   std::vector<float> combinedBand(std::uint64_t from, std::uint64_t to) {
     const std::size_t length = to - from;
-    std::vector<std::vector<float>> band(channels, std::vector<float>(length));
+    std::vector<std::vector<float>> band(channels);
     std::vector<double> energy(channels, 0.0);
     std::vector<bool> repeats(channels, false);
     // The ring's part up to its end, then the part from its start.
     const std::size_t at = from % capacity, first = std::min(length, capacity - at);
+    const auto same = [&](int c) {
+      return std::equal(ring[c].begin() + at, ring[c].begin() + at + first, ring[0].begin() + at) &&
+             std::equal(ring[c].begin(), ring[c].begin() + (length - first), ring[0].begin());
+    };
     for (int c = 0; c < channels; ++c) {
+      // A channel that repeats the first (as the accessory's output does)
+      // adds nothing: it is left out, with no energy, and not copied.
+      repeats[c] = c > 0 && same(c);
+      if (repeats[c]) continue;
+      band[c].resize(length);
       std::copy_n(ring[c].begin() + at, first, band[c].begin());
       std::copy_n(ring[c].begin(), length - first, band[c].begin() + first);
-      // A channel that repeats the first (as the accessory's output does)
-      // adds nothing: it is left out, with no energy.
-      repeats[c] = c > 0 && band[c] == band[0];
     }
     for (int c = 0; c < channels; ++c) {
       if (repeats[c]) continue;
@@ -152,9 +158,9 @@ struct Receiver::State {
     }
     const int strongest =
         static_cast<int>(std::max_element(energy.begin(), energy.end()) - energy.begin());
-    std::vector<float> sum = band[strongest];
+    std::vector<float> sum = std::move(band[strongest]);
     for (int c = 0; c < channels; ++c) {
-      if (c == strongest || energy[c] < 0.25 * energy[strongest]) continue;
+      if (c == strongest || repeats[c] || energy[c] < 0.25 * energy[strongest]) continue;
       double dot = 0;
       for (std::size_t i = 0; i < length; ++i) dot += static_cast<double>(band[c][i]) * sum[i];
       const float sign = dot >= 0 ? 1.0f : -1.0f;

@@ -1,10 +1,11 @@
 // Keeps the page's files so that it opens and plays offline after the first
 // visit. Each request goes to the network first (the page stays current) and
 // falls back to the copy kept.
-const CACHE = 'nimbara-page-v1';
+const CACHE = 'nimbara-page-v2';
 const FILES = [
   './', 'index.html', 'style.css', 'page.js', 'track.js', 'phone.js', 'listen-worklet.js',
-  'manifest.webmanifest', 'icon.svg',
+  'manifest.webmanifest', 'icon.svg', 'icon-192.png', 'icon-512.png', 'icon-maskable-192.png',
+  'icon-maskable-512.png', 'apple-touch-icon.png',
   'nimbara/nimbara.js', 'nimbara/core.js', 'nimbara/nimbara-glue.js', 'nimbara/nimbara-glue.wasm',
 ];
 

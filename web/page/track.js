@@ -1,13 +1,13 @@
 // The scent track panel: a video and its WebVTT track. The track's cues join
 // the video as a metadata text track; each command is scheduled on the
-// AudioContext's clock from the video's current time a little ahead of its
-// cue (the text track's cuechange alone comes too late and too coarse). A
+// AudioContext's clock from the video's current time, ahead of its cue (the
+// text track's cuechange alone comes too late and too coarse). A
 // pause holds the track, a seek moves it (cues jumped over are not played).
 import { parseTrack, render } from './nimbara/nimbara.js';
 import { audioContext } from './page.js';
 
 const RATE = 44100;
-const AHEAD = 0.25;  // seconds of the film scheduled in advance
+const AHEAD = 0.5;  // seconds of the film scheduled in advance (a busy page may lag)
 const $ = (id) => document.querySelector(`[data-testid="${id}"]`);
 const video = $('track-video');
 const status = $('track-status');
@@ -40,44 +40,64 @@ function cueAt(seconds) {
   return i < 0 ? cues.length : i;
 }
 
-// The film's clock on the AudioContext's: film = context time x rate +
-// offset. The film's currentTime runs smoothly, but the context's currentTime
-// moves in steps of its output's buffer and so runs ahead of it by up to a
-// step: the offset is the largest seen since the film started moving (its
-// 'playing' event comes a little before), which is where the steps meet it.
-// A film that strays from it (a stall, a long film) sets it afresh.
+// The film's clock on the AudioContext's: film = heard x rate + offset, where
+// `heard` is the context time of the sample frame leaving the output now, so
+// that a command sounds when the film shows its cue. The output's timestamp
+// gives it smoothly against the page's clock, as the film's currentTime runs;
+// the context's own currentTime runs ahead of it by the output's latency and
+// moves in steps of its buffer (there the offset is the largest of the last
+// STEPS seconds, where the steps meet the film). The context's clock may jump
+// against the film (a late buffer, a device that changes, a node that joins
+// the graph): an offset that moves by MOVED moves the commands not yet begun.
+const STEPS = 0.2;
+const MOVED = 0.004;
 let anchor = null;   // { offset, rate }
+let stepped = [];    // recent { time, offset, rate } of a clock that moves in steps
 let stillAt = null;  // the film's position while it has not moved yet
 
-function filmAt(time) {
-  return time * anchor.rate + anchor.offset;
+function heardNow(ctx) {
+  const stamp = ctx.getOutputTimestamp?.();
+  if (stamp?.performanceTime > 0) {
+    return { time: stamp.contextTime + (performance.now() - stamp.performanceTime) / 1000, smooth: true };
+  }
+  return { time: ctx.currentTime - (ctx.baseLatency ?? 0) - (ctx.outputLatency ?? 0), smooth: false };
 }
 
-function follow(time) {
+function whenOf(cue, ctx) {
+  // On a whole frame: a source started between two frames is interpolated.
+  return Math.round(((cue.start - anchor.offset) / anchor.rate) * ctx.sampleRate) / ctx.sampleRate;
+}
+
+// Reads the film against the context; returns the heard time.
+function follow(ctx) {
   const rate = video.playbackRate || 1;
-  const offset = video.currentTime - time * rate;
-  if (!anchor || anchor.rate !== rate || Math.abs(offset - anchor.offset) > 0.15) {
-    anchor = { offset, rate };
-  } else {
-    anchor.offset = Math.max(anchor.offset, offset);
+  const { time, smooth } = heardNow(ctx);
+  let offset = video.currentTime - time * rate;
+  if (!smooth) {
+    stepped = stepped.filter((s) => s.time > time - STEPS && s.rate === rate);
+    stepped.push({ time, offset, rate });
+    offset = Math.max(...stepped.map((s) => s.offset));
   }
+  if (anchor && anchor.rate === rate && Math.abs(offset - anchor.offset) < MOVED) return time;
+  const moved = anchor !== null;
+  anchor = { offset, rate };
+  if (moved) next = cancel();
+  return time;
 }
 
 function schedule() {
-  if (video.paused || video.seeking || cues.length === 0) return;
+  if (video.paused || video.ended || video.seeking || cues.length === 0) return;
   if (!anchor && (stillAt === null || video.currentTime === stillAt)) return;
   const ctx = audioContext();
-  const now = ctx.currentTime;
-  follow(now);
-  const film = filmAt(now);
+  const film = follow(ctx) * anchor.rate + anchor.offset;
+  const soonest = Math.ceil(ctx.currentTime * ctx.sampleRate) / ctx.sampleRate;
   for (; next < cues.length && cues[next].start < film + AHEAD; ++next) {
     const cue = cues[next];
-    // On a whole frame: a source started between two frames is interpolated.
-    const when = Math.round(((cue.start - anchor.offset) / anchor.rate) * ctx.sampleRate) / ctx.sampleRate;
+    const when = Math.max(whenOf(cue, ctx), soonest);
     const source = ctx.createBufferSource();
     source.buffer = cue.buffer;
     source.connect(ctx.destination);
-    source.start(Math.max(when, Math.ceil(now * ctx.sampleRate) / ctx.sampleRate));
+    source.start(when);
     const entry = { source, index: next, when };
     pending.push(entry);
     source.addEventListener('ended', () => { pending = pending.filter((p) => p !== entry); }, { once: true });
@@ -102,6 +122,7 @@ function cancel() {
 let timer = 0;
 function run() {
   anchor = null;
+  stepped = [];
   stillAt = video.currentTime;
   clearInterval(timer);
   timer = setInterval(schedule, 5);
@@ -109,6 +130,7 @@ function run() {
 }
 function halt() {
   anchor = null;
+  stepped = [];
   clearInterval(timer);
   timer = 0;
 }

@@ -2,8 +2,9 @@
 // phone's viewport and touch: a video made by ffmpeg and its track play, the
 // commands reaching the audio destination are the renders bit for bit, in
 // order, spaced as their cues; a pause holds the track and a seek skips; the
-// page reloads offline through its service worker and still plays a puff; a
-// browser with navigator.audioSession gets "playback".
+// screen is kept on while the track plays; a suspended context runs on the
+// first touch; the page reloads offline through its service worker and still
+// plays a puff; a browser with navigator.audioSession gets "playback".
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import { writeFileSync } from 'node:fs';
@@ -17,9 +18,8 @@ import { nimbara } from './support/package.js';
 const { parseTrack, render } = nimbara;
 const RATE = 44100;
 const SPACING_MS = 30;  // how far a command may start from its cue's place
-// How far a pause may move the track from the film's own hold: the film's
-// clock is read in its frames (40 ms at 25 frames a second) when it starts.
-const HOLD_MS = 60;
+// How far a pause may move the track from the film's own hold.
+const HOLD_MS = 15;
 
 const TRACK = `WEBVTT
 
@@ -82,6 +82,27 @@ function recordDestination() {
     if (!this.__tapped) return start.apply(this, args);
     this.__tapped.then(() => start.apply(this, args));
   };
+}
+
+// A Wake Lock that records each request and release.
+function recordWakeLock() {
+  window.__wake = [];
+  const request = async (type) => {
+    window.__wake.push(`request ${type}`);
+    const sentinel = new EventTarget();
+    sentinel.release = async () => {
+      window.__wake.push('release');
+      sentinel.dispatchEvent(new Event('release'));
+    };
+    return sentinel;
+  };
+  Object.defineProperty(navigator, 'wakeLock', { value: { request }, configurable: true });
+}
+
+// Waits until the Wake Lock has seen `calls`, and checks them.
+async function wakeCalls(page, calls) {
+  await page.waitForFunction((n) => window.__wake.length >= n, calls.length, { timeout: 5000 }).catch(() => {});
+  assert.deepEqual(await page.evaluate(() => window.__wake), calls);
 }
 
 // The sounds that reached the destination: each run of non-silent blocks, as
@@ -185,22 +206,35 @@ async function loadFilm(page) {
 }
 
 test('a film and its track play: each command the render, at its cue', async () => {
-  const { context, page, problems } = await openPhone();
+  const { context, page, problems } = await openPhone(recordWakeLock);
   await loadFilm(page);
-  await page.getByTestId('track-video').tap();  // the first touch resumes the audio
+  // A suspended context (as a phone's browser makes it) runs on the first touch.
+  assert.equal(await page.evaluate(async () => {
+    const { audioContext } = await import('./page.js');
+    window.__page = audioContext();
+    await window.__page.suspend();
+    return window.__page.state;
+  }), 'suspended');
+  await page.getByTestId('track-status').tap();
+  await page.waitForFunction(() => window.__page.state === 'running', null, { timeout: 5000 });
   await page.getByTestId('track-video').evaluate((v) => v.play());
-  await page.getByTestId('track-video').evaluate((v) => new Promise((done) => v.addEventListener('ended', done, { once: true })));
+  await wakeCalls(page, ['request screen']);  // the screen stays on while the track plays
+  // The panel on the phone's screen while the second cue plays.
+  await page.waitForFunction(() => document.querySelector('[data-testid="track-video"]').currentTime > 1.8);
+  await page.evaluate(() => document.querySelector('section.track').scrollIntoView({ block: 'start' }));
+  await page.screenshot({ path: join(siteDir, '../screenshots/track-phone.png') });
+  await page.getByTestId('track-video').evaluate((v) => new Promise((done) => (v.ended ? done() : v.addEventListener('ended', done, { once: true }))));
+  await wakeCalls(page, ['request screen', 'release']);
   const heard = sounds(await page.evaluate(() => window.__blocks));
   const spread = checkSounds(heard, parseTrack(TRACK));
   console.log(`track panel: cues at ${spread.map((ms) => ms.toFixed(1)).join(', ')} ms from their places`);
-  await page.screenshot({ path: join(siteDir, '../screenshots/track-phone.png'), fullPage: true });
   assert.match(await page.getByTestId('track-status').innerText(), /^Cue 4 of 4 at 4\.500 s: spray 200/);
   assert.deepEqual(problems, []);
   await context.close();
 });
 
 test('a pause holds the track and a seek skips the cues jumped over', async () => {
-  const { context, page, problems } = await openPhone();
+  const { context, page, problems } = await openPhone(recordWakeLock);
   await loadFilm(page);
   const player = page.getByTestId('track-video');
   await player.evaluate((v) => v.play());
@@ -209,6 +243,7 @@ test('a pause holds the track and a seek skips the cues jumped over', async () =
   // advance by then (on the page's clock: the context's moves in steps).
   await loudBlocks(page, 1);
   const paused = await player.evaluate((v) => { v.pause(); return { time: performance.now() / 1000, film: v.currentTime }; });
+  await wakeCalls(page, ['request screen', 'release']);
   await page.evaluate(() => new Promise((done) => setTimeout(done, 1000)));  // the pause itself
   const resumed = await player.evaluate((v) => new Promise((done) => {
     const from = v.currentTime;
@@ -217,8 +252,15 @@ test('a pause holds the track and a seek skips the cues jumped over', async () =
   }));
   // Past the second cue (1.75 s), a seek over the third (3.0 s) to 4.0 s.
   await page.waitForFunction(() => document.querySelector('[data-testid="track-video"]').currentTime > 2.3);
-  const seekedAt = await player.evaluate((v) => { v.currentTime = 4.0; return window.__context.currentTime; });
+  // The seek's moment as the context time leaving the output then.
+  const seekedAt = await player.evaluate((v) => {
+    v.currentTime = 4.0;
+    const stamp = window.__context.getOutputTimestamp();
+    return stamp.contextTime + (performance.now() - stamp.performanceTime) / 1000;
+  });
   await player.evaluate((v) => new Promise((done) => (v.ended ? done() : v.addEventListener('ended', done, { once: true }))));
+
+  await wakeCalls(page, ['request screen', 'release', 'request screen', 'release']);
 
   const heard = sounds(await page.evaluate(() => window.__blocks));
   const cues = parseTrack(TRACK);
@@ -243,7 +285,18 @@ test('installable and offline after the first visit; the audio session is "playb
   assert.equal(await page.evaluate(() => navigator.audioSession.type), 'playback');
   const manifest = await page.evaluate(async () => (await fetch(document.querySelector('link[rel="manifest"]').href)).json());
   assert.equal(manifest.display, 'standalone');
-  assert.ok(manifest.icons.length > 0 && manifest.start_url);
+  assert.ok(manifest.start_url);
+  // Every icon is served as declared; PNGs of 192 and 512 pixels, plain and maskable.
+  for (const icon of manifest.icons) {
+    const response = await fetch(new URL(icon.src, address));
+    assert.equal(response.headers.get('content-type'), icon.type, icon.src);
+    if (icon.type !== 'image/png') continue;
+    const png = Buffer.from(await response.arrayBuffer());
+    assert.equal(png.toString('latin1', 1, 4), 'PNG', icon.src);
+    assert.equal(`${png.readUInt32BE(16)}x${png.readUInt32BE(20)}`, icon.sizes, icon.src);
+  }
+  const pngs = manifest.icons.filter((i) => i.type === 'image/png').map((i) => `${i.sizes} ${i.purpose}`).sort();
+  assert.deepEqual(pngs, ['192x192 any', '192x192 maskable', '512x512 any', '512x512 maskable']);
   await page.evaluate(() => navigator.serviceWorker.ready);
   await page.reload();  // the worker now controls the page
   await page.waitForSelector('body[data-ready="true"]');

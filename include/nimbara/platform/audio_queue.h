@@ -110,6 +110,11 @@ NIMBARA_API int32_t nimbaraAudioSessionInitialize(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetCategoryPlayback(void);
 NIMBARA_API int32_t nimbaraAudioSessionSetActive(bool active);
 NIMBARA_API int32_t nimbaraAudioSessionSetPreferredSampleRate(double rate);
+/** Whether the current backend may play the signal resampled on an output
+ * that cannot run at 44100 Hz (logged as resampled) rather than fail with
+ * NIMBARA_AUDIO_ERR_RATE. The PipeWire backend refuses unless allowed; the
+ * sound-server backend plays by default. */
+NIMBARA_API int32_t nimbaraAudioSessionSetAllowResampling(bool allow);
 /** Copies the current route's name, zero-terminated and cut to capacity. */
 NIMBARA_API int32_t nimbaraAudioSessionCopyRouteName(char* name, size_t capacity);
 

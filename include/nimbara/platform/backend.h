@@ -113,6 +113,12 @@ class NIMBARA_API Backend {
   virtual std::int32_t takePlayed(std::vector<std::int16_t>* samples);
   /** Asks the output to run at `rate` while this backend's streams play. */
   virtual std::int32_t setPreferredSampleRate(double rate);
+  /** Whether a stream may play on an output that cannot run at the signal's
+   * rate, resampled (and logged so), rather than fail with
+   * NIMBARA_AUDIO_ERR_RATE. Each backend keeps its own default: the PipeWire
+   * backend refuses, the sound-server backend plays and the tool warns. An
+   * output that never resamples accepts either. */
+  virtual std::int32_t setAllowResampling(bool allow);
   /** The thread pause on this backend's clock; real time by default. */
   virtual void sleep(double seconds);
   /** Whether an immediate dispose hands the enqueued buffers back. */
@@ -121,8 +127,8 @@ class NIMBARA_API Backend {
 
 /** The backend for new queues and session calls. Queues keep the backend they
  * were made on. The default is the first registered backend that can run here:
- * the sound server's when the library was built with one, otherwise a virtual
- * device. */
+ * PipeWire's where its daemon runs, the sound server's where one runs, otherwise ALSA or a
+ * virtual device. */
 NIMBARA_API void setBackend(std::shared_ptr<Backend> backend);
 
 /** While it lives, the calling thread's new queues and session calls use
@@ -142,8 +148,10 @@ class NIMBARA_API ThreadBackendScope {
 };
 
 /** A backend by name, "SCHEME" or "SCHEME:ARGUMENT", as the tool's --device
- * takes it: "pulse" (the default sink), "pulse:SINK" (the sink named SINK),
- * "virtual" (in memory, real time) or "wav:PATH" (into a WAV file). `route`
+ * takes it: "pipewire" (PipeWire's default sink, natively), "pipewire:NODE"
+ * (the sink node named NODE), "pulse" (the sound server's default sink),
+ * "pulse:SINK" (the sink named SINK), "alsa", "alsa:PCM", "virtual" (in
+ * memory, real time) or "wav:PATH" (into a WAV file). `route`
  * names the virtual or WAV output's route (empty: its default). Throws
  * std::invalid_argument for any other name, or for a backend this library was
  * built without. */
@@ -152,7 +160,9 @@ NIMBARA_API std::shared_ptr<Backend> makeBackend(const std::string& name,
 /** The names makeBackend takes, for messages: "pulse, pulse:SINK, virtual or
  * wav:PATH". */
 NIMBARA_API std::string backendNames();
-/** The name of the backend used when none is chosen: "pulse" or "virtual". */
+/** The name of the backend used when none is chosen: "pipewire" where a
+ * PipeWire daemon answers, else "pulse" where a PulseAudio server runs, else
+ * "alsa" (or "virtual" in a library without a real output). */
 NIMBARA_API std::string defaultBackendName();
 /** The calling thread's backend when a ThreadBackendScope set one, otherwise
  * the process-wide one. */

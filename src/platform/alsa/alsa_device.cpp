@@ -84,6 +84,10 @@ std::int32_t AlsaDevice::playbackRate(PlaybackRate* rate) {
   });
 }
 
+std::int32_t AlsaDevice::setAllowResampling(bool allow) {
+  return allow ? NIMBARA_AUDIO_ERR_NOT_SUPPORTED : NIMBARA_AUDIO_OK;
+}
+
 std::int32_t AlsaDevice::listOutputs(std::vector<OutputInfo>* outputs) {
   return guarded([&] {
     void** hints = nullptr;

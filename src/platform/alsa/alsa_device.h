@@ -32,6 +32,9 @@ class AlsaDevice : public Backend {
   /** A capture PCM by name; empty: this backend's PCM. */
   std::int32_t openCapture(const std::string& source,
                            std::unique_ptr<CaptureStream>* stream) override;
+  /** Plays at the signal's rate or not at all: allowing resampling is not
+   * supported (a plughw: PCM resamples, and is named so). */
+  std::int32_t setAllowResampling(bool allow) override;
 
  private:
   const std::string pcm_;

@@ -1,13 +1,16 @@
 // The playback stream. The queue's thread hands buffers over through a
 // lock-free ring (spa_ringbuffer); the stream's process callback, on
 // PipeWire's real-time thread, copies what the graph asks for and notes
-// where the ring ran empty. Like the other backends, a run-dry between the
-// first and the last sound of the stream fails it.
-#include "platform/pipewire/pipewire_device.h"
+// where the ring ran empty, and where the graph's clock moved on by more than
+// the cycle before: cycles that ran without this stream (it was late) played
+// silence in its place. Like the other backends, a run-dry between the first
+// and the last sound of the stream fails it.
+#include "platform/pipewire/pipewire_stream.h"
 
 #include <nimbara/signal/signal_format.h>
 
 #include <pipewire/pipewire.h>
+#include <spa/node/io.h>
 #include <spa/param/audio/format-utils.h>
 #include <spa/utils/ringbuffer.h>
 
@@ -20,9 +23,9 @@
 #include <thread>
 
 #include "common/log.h"
-#include "platform/backend_registry.h"
+#include "platform/pipewire/pipewire_graph.h"
 
-namespace nimbara::platform {
+namespace nimbara::platform::pipewire {
 namespace {
 
 constexpr std::uint32_t kBytesPerFrame = 2 * NIMBARA_CHANNELS;
@@ -30,11 +33,6 @@ constexpr std::uint32_t kRingBytes = 1u << 17;  // a power of two, ~740 ms
 constexpr std::size_t kLeadBytes = NIMBARA_SAMPLE_RATE / 5 * kBytesPerFrame;  // 200 ms ahead
 constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
 constexpr auto kStartLimit = std::chrono::seconds(3);
-
-void initOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { pw_init(nullptr, nullptr); });
-}
 
 class Playback : public OutputStream {
  public:
@@ -46,14 +44,15 @@ class Playback : public OutputStream {
   }
   ~Playback() override { close(); }
 
-  std::int32_t open() {
+  // A probe only learns the graph's rate: it neither refuses nor logs.
+  std::int32_t open(bool probe = false) {
     initOnce();
     loop_ = pw_thread_loop_new("nimbara", nullptr);
     if (loop_ == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     pw_properties* props = pw_properties_new(
         PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
         "Production", PW_KEY_NODE_RATE, "1/44100", PW_KEY_NODE_FORCE_RATE, "true",
-        PW_KEY_NODE_LATENCY, "1024/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
+        PW_KEY_NODE_LATENCY, "2048/44100", PW_KEY_APP_NAME, "nimbara", nullptr);
     if (props == nullptr) return NIMBARA_AUDIO_ERR_NO_MEMORY;
     if (!node_.empty()) {
       // A named node or none: without it the session manager would play on
@@ -66,6 +65,7 @@ class Playback : public OutputStream {
       e.version = PW_VERSION_STREAM_EVENTS;
       e.process = &Playback::onProcess;
       e.state_changed = &Playback::onState;
+      e.io_changed = &Playback::onIoChanged;
       return e;
     }();
     pw_thread_loop_lock(loop_);
@@ -106,7 +106,7 @@ class Playback : public OutputStream {
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     const std::uint32_t rate = graphRate_.load(std::memory_order_acquire);
-    if (rate != NIMBARA_SAMPLE_RATE) {
+    if (rate != NIMBARA_SAMPLE_RATE && !probe) {
       if (!allowResampling_) return NIMBARA_AUDIO_ERR_RATE;
       NIMBARA_LOG(" [WARN] the PipeWire graph runs at %u Hz: the signal is resampled", rate);
     }
@@ -183,11 +183,45 @@ class Playback : public OutputStream {
   }
 
   bool ranDryInSound() {
+    if (dryReported_) return false;
     const std::size_t at = dryAt_.load(std::memory_order_acquire);
-    if (dryReported_ || at == kNowhere || at >= soundEnd_) return false;
+    const std::size_t skipped = skippedAt_.load(std::memory_order_acquire);
+    if (at != kNowhere && at < soundEnd_) {
+      NIMBARA_LOG(" [ERROR] the PipeWire stream ran dry %zu bytes into the stream", at);
+    } else if (skipped != kNowhere && skipped < soundEnd_) {
+      NIMBARA_LOG(" [ERROR] the PipeWire graph ran cycles without the stream %zu bytes into it",
+                  skipped);
+    } else {
+      return false;
+    }
     dryReported_ = true;
-    NIMBARA_LOG(" [ERROR] the PipeWire stream ran dry %zu bytes into the stream", at);
     return true;
+  }
+
+  // Whether the sound had begun before `consumed` bytes and so a gap there
+  // falls into it (whether it goes on after is judged once it is all handed).
+  bool inSound(std::size_t consumed) const {
+    const std::size_t start = soundStart_.load(std::memory_order_acquire);
+    return start != kNowhere && consumed > start;
+  }
+
+  // Real-time thread: the driver's clock moved on by more than a cycle on
+  // the same clock and rate, so the graph ran cycles without this stream.
+  // Drivers advance the position by the last cycle's length or by the new
+  // one where the quantum changes: a step up to the longer is no gap.
+  void checkClock(std::size_t consumed) {
+    const spa_io_position* position = position_.load(std::memory_order_acquire);
+    if (position == nullptr) return;
+    const spa_io_clock& clock = position->clock;
+    if (lastDuration_ != 0 && clock.id == lastClock_ && clock.rate.denom == lastRate_ &&
+        clock.position > lastPosition_ + std::max(lastDuration_, clock.duration) &&
+        inSound(consumed) && skippedAt_.load(std::memory_order_relaxed) == kNowhere) {
+      skippedAt_.store(consumed, std::memory_order_release);
+    }
+    lastClock_ = clock.id;
+    lastRate_ = clock.rate.denom;
+    lastPosition_ = clock.position;
+    lastDuration_ = clock.duration;
   }
 
   // PipeWire's real-time thread: no allocation, no lock.
@@ -210,6 +244,7 @@ class Playback : public OutputStream {
       wanted = std::min<std::uint32_t>(
           wanted, static_cast<std::uint32_t>(buffer->requested) * kBytesPerFrame);
     }
+    s->checkClock(s->consumed_.load(std::memory_order_relaxed));
     std::uint32_t index = 0;
     const std::int32_t available = spa_ringbuffer_get_read_index(&s->ring_, &index);
     const std::uint32_t n =
@@ -221,9 +256,7 @@ class Playback : public OutputStream {
     if (n < wanted) {
       std::memset(out + n, 0, wanted - n);
       // Ran empty here: a gap if the sound had begun and goes on after it.
-      const std::size_t start = s->soundStart_.load(std::memory_order_acquire);
-      if (start != kNowhere && consumed > start &&
-          s->dryAt_.load(std::memory_order_relaxed) == kNowhere) {
+      if (s->inSound(consumed) && s->dryAt_.load(std::memory_order_relaxed) == kNowhere) {
         s->dryAt_.store(consumed, std::memory_order_release);
       }
     }
@@ -232,6 +265,14 @@ class Playback : public OutputStream {
     data.chunk->stride = kBytesPerFrame;
     data.chunk->size = wanted;
     pw_stream_queue_buffer(s->stream_, buffer);
+  }
+
+  static void onIoChanged(void* self, std::uint32_t id, void* area, std::uint32_t size) {
+    if (id != SPA_IO_Position) return;
+    auto* position = area != nullptr && size >= sizeof(spa_io_position)
+                         ? static_cast<const spa_io_position*>(area)
+                         : nullptr;
+    static_cast<Playback*>(self)->position_.store(position, std::memory_order_release);
   }
 
   static void onState(void* self, pw_stream_state, pw_stream_state state, const char*) {
@@ -251,6 +292,13 @@ class Playback : public OutputStream {
   std::atomic<std::size_t> soundStart_{kNowhere};
   std::atomic<std::size_t> consumed_{0};
   std::atomic<std::size_t> dryAt_{kNowhere};
+  std::atomic<std::size_t> skippedAt_{kNowhere};  // the first cycles run without the stream
+  std::atomic<const spa_io_position*> position_{nullptr};
+  // The real-time thread's view of the clock at the last cycle.
+  std::uint32_t lastClock_ = 0;
+  std::uint32_t lastRate_ = 0;
+  std::uint64_t lastPosition_ = 0;
+  std::uint64_t lastDuration_ = 0;
   std::atomic<std::uint32_t> graphRate_{0};
   std::atomic<bool> failed_{false};
   bool dryReported_ = false;
@@ -258,13 +306,10 @@ class Playback : public OutputStream {
 
 }  // namespace
 
-PipeWireDevice::PipeWireDevice(std::string node, bool allowResampling)
-    : node_(std::move(node)), allowResampling_(allowResampling) {}
-
-std::int32_t PipeWireDevice::openStream(const NimbaraStreamFormat&,
-                                        std::unique_ptr<OutputStream>* stream) {
+std::int32_t openPlayback(const std::string& node, bool allowResampling,
+                          std::unique_ptr<OutputStream>* stream) {
   try {
-    auto opened = std::make_unique<Playback>(node_, allowResampling_);
+    auto opened = std::make_unique<Playback>(node, allowResampling);
     if (const std::int32_t status = opened->open()) return status;
     *stream = std::move(opened);
   } catch (const std::bad_alloc&) {
@@ -273,39 +318,15 @@ std::int32_t PipeWireDevice::openStream(const NimbaraStreamFormat&,
   return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t PipeWireDevice::routeName(std::string* name) {
+std::int32_t probeRate(const std::string& node, std::uint32_t* rate) {
   try {
-    *name = node_.empty() ? "PipeWire default output" : node_;
+    Playback probe(node, true);
+    if (const std::int32_t status = probe.open(true)) return status;
+    *rate = probe.graphRate();
+    return probe.close();
   } catch (const std::bad_alloc&) {
     return NIMBARA_AUDIO_ERR_NO_MEMORY;
   }
-  return NIMBARA_AUDIO_OK;
 }
 
-std::int32_t PipeWireDevice::playbackRate(PlaybackRate* rate) {
-  try {
-    // The graph's rate while a stream of ours asks for 44100 Hz: one opened
-    // with resampling allowed, so that it tells rather than refuses.
-    Playback probe(node_, true);
-    if (const std::int32_t status = probe.open()) return status;
-    PlaybackRate found;
-    found.rate = probe.graphRate();
-    found.exact = found.rate == NIMBARA_SAMPLE_RATE;
-    if (!found.exact) {
-      found.howToAllow =
-          "let PipeWire run at 44100 Hz with this line in "
-          "~/.config/pipewire/pipewire.conf.d/44100.conf, then restart PipeWire:\n"
-          "  context.properties = { default.clock.allowed-rates = [ 44100 48000 ] }\n";
-    }
-    *rate = std::move(found);
-  } catch (const std::bad_alloc&) {
-    return NIMBARA_AUDIO_ERR_NO_MEMORY;
-  }
-  return NIMBARA_AUDIO_OK;
-}
-
-std::shared_ptr<Backend> detail::makePipeWireBackend(const BackendArgs& args) {
-  return std::make_shared<PipeWireDevice>(args.argument);
-}
-
-}  // namespace nimbara::platform
+}  // namespace nimbara::platform::pipewire

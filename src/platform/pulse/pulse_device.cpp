@@ -145,6 +145,10 @@ std::int32_t PulseDevice::setPreferredSampleRate(double rate) {
   return NIMBARA_AUDIO_OK;
 }
 
+std::int32_t PulseDevice::setAllowResampling(bool allow) {
+  return allow ? NIMBARA_AUDIO_OK : NIMBARA_AUDIO_ERR_NOT_SUPPORTED;
+}
+
 std::shared_ptr<Backend> detail::makePulseBackend(const BackendArgs& args) {
   return std::make_shared<PulseDevice>(std::string(), args.argument);
 }

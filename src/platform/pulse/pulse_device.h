@@ -49,6 +49,10 @@ class PulseDevice : public Backend {
    * stream's node.rate when that rate is allowed; PulseAudio switches an idle
    * sink to its alternate rate by itself. */
   std::int32_t setPreferredSampleRate(double rate) override;
+  /** The server resamples a sink at another rate and the stream plays, as it
+   * always has (the tool warns): refusing is not supported, since the sink's
+   * rate shows only once a stream plays on it. */
+  std::int32_t setAllowResampling(bool allow) override;
 
  private:
   std::int32_t connection(std::shared_ptr<pulse::Connection>* out);
