@@ -1,6 +1,6 @@
 // Helpers of the tests that play on real outputs: a backend whose stream comes
-// late once, raw samples read back from a file, and a recording of the
-// private server's headphone monitor.
+// late once, raw samples read back from a file, and a recording of a
+// sink's monitor on the private server.
 #pragma once
 
 #include <nimbara/platform/backend.h>
@@ -77,13 +77,13 @@ inline std::vector<std::int16_t> readSamples(const std::filesystem::path& path) 
   return samples;
 }
 
-// Starts parec on the headphone sink's monitor, writing the signal's format to
+// Starts parec on `source` (a sink's monitor), writing the signal's format to
 // `recording`, and returns once the recording has begun; -1 if parec could
 // not be started.
-inline pid_t recordHeadphoneMonitor(const std::filesystem::path& recording) {
+inline pid_t recordMonitor(const std::string& source, const std::filesystem::path& recording) {
   std::vector<std::string> args = {
-      "parec",          "-d",           "headphones.monitor", "--raw",
-      "--format=s16le", "--rate=44100", "--channels=2",       "--latency-msec=20"};
+      "parec",          "-d",           source,         "--raw",
+      "--format=s16le", "--rate=44100", "--channels=2", "--latency-msec=20"};
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -100,6 +100,10 @@ inline pid_t recordHeadphoneMonitor(const std::filesystem::path& recording) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));  // polling parec's start
   }
   return parec;
+}
+
+inline pid_t recordHeadphoneMonitor(const std::filesystem::path& recording) {
+  return recordMonitor("headphones.monitor", recording);
 }
 
 }  // namespace test_support
