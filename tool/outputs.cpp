@@ -12,6 +12,16 @@
 #include "resampling.h"
 
 namespace tool {
+namespace {
+
+// An output the backend did not probe (ALSA opens only its own PCM) has no
+// route: its description stands in.
+std::string shownRoute(const nimbara::platform::OutputInfo& output) {
+  if (!output.route.empty()) return output.route;
+  return output.description.empty() ? "not probed" : output.description + " (not probed)";
+}
+
+}  // namespace
 
 int runOutputs(const Globals& globals) {
   if (globals.verbosity < 2) nimbara::setLogSink({});
@@ -38,7 +48,7 @@ int runOutputs(const Globals& globals) {
                           {"exact", output.exact}});
     } else if (globals.verbosity >= 0) {
       std::printf("%s %s: %s, %s, %s\n", output.isDefault ? "*" : " ", output.name.c_str(),
-                  output.route.c_str(), present ? "present" : "absent",
+                  shownRoute(output).c_str(), present ? "present" : "absent",
                   output.rate != 0 ? describeRate(rate).c_str() : "rate unknown");
     }
   }

@@ -25,6 +25,22 @@ std::string hint(void* entry, const char* field) {
   return copy;
 }
 
+// The card's name and what its jack controls say, or the PCM's own name and
+// "cannot tell" where it has none.
+std::string routeOf(const std::string& pcm) {
+  const int card = alsa::cardOf(pcm);
+  const std::string where = card >= 0 ? alsa::cardName(card) : pcm;
+  switch (alsa::headphoneJack(card)) {
+    case alsa::Jack::Plugged:
+      return where + ": Headphones";
+    case alsa::Jack::Empty:
+      return where + ": jack empty";
+    case alsa::Jack::Unknown:
+      break;
+  }
+  return where + ": cannot tell whether headphones are plugged in (no jack detection)";
+}
+
 // alsa-lib prints its errors on stderr; this library's callers say what
 // failed themselves, through the statuses.
 void quiet(const char*, int, const char*, int, const char*, ...) {}
@@ -43,19 +59,7 @@ std::int32_t AlsaDevice::openStream(const NimbaraStreamFormat&,
 
 std::int32_t AlsaDevice::routeName(std::string* name) {
   return guarded([&] {
-    const int card = alsa::cardOf(pcm_);
-    const std::string where = card >= 0 ? alsa::cardName(card) : pcm_;
-    switch (alsa::headphoneJack(card)) {
-      case alsa::Jack::Plugged:
-        *name = where + ": Headphones";
-        break;
-      case alsa::Jack::Empty:
-        *name = where + ": jack empty";
-        break;
-      case alsa::Jack::Unknown:
-        *name = where + ": cannot tell whether headphones are plugged in (no jack detection)";
-        break;
-    }
+    *name = routeOf(pcm_);
     return std::int32_t{NIMBARA_AUDIO_OK};
   });
 }
@@ -107,6 +111,7 @@ std::int32_t AlsaDevice::listOutputs(std::vector<OutputInfo>* outputs) {
       // Only this backend's own PCM is probed: opening every PCM alsa-lib
       // names would start the servers some of them stand for.
       if (info.isDefault) {
+        info.route = routeOf(info.name);
         snd_pcm_t* pcm = nullptr;
         if (alsa::openExact(info.name, SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK, &pcm) == 0) {
           snd_pcm_close(pcm);
