@@ -48,6 +48,7 @@ constexpr double kBeamBits = 4;
 constexpr double kQuickBeamBits = 2;
 constexpr double kQuickMargin = 0.5;
 constexpr double kQuickSnrDb = 12;
+constexpr int kQuickStride = 2;  // its starts twice as far apart, then refined
 // A reading outside every command's layout is taken only when it fits this
 // many clean 0-bits better than the best command: noise alone rarely makes
 // up that much.
@@ -389,24 +390,43 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
   // Ranks the starts, keeping the `kept` best of each polarity (or, with
   // none, the kStartsRescored best of both), each scored over the whole stretch.
-  const auto rank = [&](int kept) {
+  const auto rank = [&](int kept, int stride) {
     starts.clear();
     std::array<double, kStartsRescored> few[2];
     const std::size_t n = kept > 0 ? kept : kStartsRescored;
     few[0].fill(kNone), few[1].fill(kNone);
-    for (double t = from; t <= to; t += 0.4 * half_[0]) {
-      for (int polarity : {1, -1}) {
-        auto& best = few[kept > 0 && polarity < 0 ? 1 : 0];
-        Start start{t, polarity, kNone, startWalk(t)};
-        walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), best[n - 1]);
-        if (!start.walk.abandoned) {
-          start.score = walkScore(start.walk);
-          if (start.score > best[n - 1]) {
-            best[n - 1] = start.score;
-            std::sort(best.begin(), best.begin() + n, std::greater<>());
+    const double spacing = 0.4 * half_[0];
+    const auto walkFrom = [&](double t, int polarity) {
+      auto& best = few[kept > 0 && polarity < 0 ? 1 : 0];
+      Start start{t, polarity, kNone, startWalk(t)};
+      walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), best[n - 1]);
+      if (!start.walk.abandoned) {
+        start.score = walkScore(start.walk);
+        if (start.score > best[n - 1]) {
+          best[n - 1] = start.score;
+          std::sort(best.begin(), best.begin() + n, std::greater<>());
+        }
+      }
+      starts.push_back(start);
+    };
+    for (double t = from; t <= to; t += stride * spacing) {
+      for (int polarity : {1, -1}) walkFrom(t, polarity);
+    }
+    // Coarsely spaced, the best of each polarity is looked for between its
+    // neighbours too.
+    if (stride > 1) {
+      const std::size_t coarse = starts.size();
+      for (std::size_t side = 0; side < 2 && side < coarse; ++side) {
+        std::size_t top = side;
+        for (std::size_t i = side; i < coarse; i += 2) {
+          if (starts[i].score > starts[top].score) top = i;
+        }
+        if (starts[top].score == kNone) continue;
+        for (int d = 1; d < stride; ++d) {
+          for (const double t : {starts[top].time - d * spacing, starts[top].time + d * spacing}) {
+            if (t >= from && t <= to) walkFrom(t, starts[top].polarity);
           }
         }
-        starts.push_back(start);
       }
     }
     if (kept > 0) {
@@ -440,14 +460,14 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // the commands' layouts would read too. Otherwise the layouts decide. And
   // first from the best start of each polarity with a narrow beam: a reading
   // that does not hold is read again from more starts with the wider beam.
-  rank(1);
+  rank(1, kQuickStride);
   beamBits_ = kQuickBeamBits;
   readPolarities(starts, relativeEnd, false, byPolarity);
   beamBits_ = kBeamBits;
   if (!quickReadingHolds(byPolarity, signal, origin)) {
     byPolarity[0].reset();
     byPolarity[1].reset();
-    rank(0);
+    rank(0, 1);
     readPolarities(starts, relativeEnd, false, byPolarity);
   }
   if (!sureCommand(layouts_, byPolarity[betterSide(byPolarity)], kSureMargin)) {
