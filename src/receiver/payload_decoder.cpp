@@ -444,6 +444,9 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
       std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
       starts.resize(rescored);
     }
+    // One start of each polarity is searched whatever its score; more are
+    // searched best first, as they score over the whole stretch.
+    if (kept == 1) return;
     for (Start& start : starts) {
       if (start.walk.abandoned) start.walk = startWalk(start.time), start.walk.abandoned = false;
       walkOn(start.walk, start.polarity, relativeEnd, kNone);
