@@ -42,6 +42,13 @@ constexpr double kOwnBitAllowance = 0.5;
 // Sequences this many clean 0-bits worse than the best at the same point are
 // not followed further.
 constexpr double kBeamBits = 4;
+// The first, quick reading: the best ranked start of each polarity, a beam
+// this narrow, taken as it is when it reads a command this sure, this far
+// above the quiet on either side; anything less is read again in full.
+constexpr double kQuickBeamBits = 2;
+constexpr double kQuickMargin = 0.5;
+constexpr double kQuickSnrDb = 12;
+constexpr int kQuickStride = 2;  // its starts twice as far apart, then refined
 // A reading outside every command's layout is taken only when it fits this
 // many clean 0-bits better than the best command: noise alone rarely makes
 // up that much.
@@ -60,6 +67,7 @@ PayloadDecoder::PayloadDecoder(double sampleRate)
       onsetSlack_(std::max(8.0, std::round(sampleRate / 1000))),
       layouts_(payloadLayouts()),
       statesPerLayout_(stateIndex(kLongestPayload + 1, 2 * kLongestPayload + 2)) {
+  beamBits_ = kBeamBits;
   if (layouts_.size() > kMostLayouts) throw std::logic_error("more payload layouts than foreseen");
   const int states = static_cast<int>(layouts_.size()) * statesPerLayout_;
   scored_.resize(std::size_t{1} << kScoredBits);
@@ -333,6 +341,32 @@ void PayloadDecoder::settleStart(std::optional<Payload>& payload, double relativ
   }
 }
 
+namespace {
+
+bool sureCommand(const std::vector<PayloadLayout>& layouts, const std::optional<Payload>& p,
+                 double margin) {
+  return p && p->confidence >= margin && isCommandPayload(layouts, p->bits);
+}
+
+int betterSide(const std::optional<Payload> (&byPolarity)[2]) {
+  return !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit) ? 0 : 1;
+}
+
+}  // namespace
+
+// The quick reading stands when both polarities were read and the better one
+// is a sure command well above the quiet before and after it.
+bool PayloadDecoder::quickReadingHolds(const std::optional<Payload> (&byPolarity)[2],
+                                       const std::vector<float>& signal,
+                                       std::uint64_t origin) const {
+  if (!byPolarity[0] || !byPolarity[1]) return false;
+  const std::optional<Payload>& best = byPolarity[betterSide(byPolarity)];
+  if (!sureCommand(layouts_, best, kQuickMargin)) return false;
+  Payload finished = *best;
+  finishPayload(finished, signal, origin);
+  return std::min(finished.snrDb, finished.snrAfterDb) >= kQuickSnrDb;
+}
+
 std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
                                               std::uint64_t origin, double onset, double searchEnd,
                                               double level, std::optional<double> startSpread) {
@@ -353,46 +387,93 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
   // The same stretch of time after each candidate (as many bits as would
   // fit, half of them 1s) ranks them; the few best are scored over the whole
   // stretch. A walk that can no longer reach the few best so far is left.
-  std::array<double, kStartsRescored> few;
-  few.fill(kNone);
-  for (double t = from; t <= to; t += 0.4 * half_[0]) {
-    for (int polarity : {1, -1}) {
+  const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
+  // Ranks the starts, keeping the `kept` best of each polarity (or, with
+  // none, the kStartsRescored best of both), each scored over the whole stretch.
+  const auto rank = [&](int kept, int stride) {
+    starts.clear();
+    std::array<double, kStartsRescored> few[2];
+    const std::size_t n = kept > 0 ? kept : kStartsRescored;
+    few[0].fill(kNone), few[1].fill(kNone);
+    const double spacing = 0.4 * half_[0];
+    const auto walkFrom = [&](double t, int polarity) {
+      auto& best = few[kept > 0 && polarity < 0 ? 1 : 0];
       Start start{t, polarity, kNone, startWalk(t)};
-      walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), few.back());
+      walkOn(start.walk, polarity, std::min(relativeEnd, t + rankingSpan), best[n - 1]);
       if (!start.walk.abandoned) {
         start.score = walkScore(start.walk);
-        if (start.score > few.back()) {
-          few.back() = start.score;
-          std::sort(few.begin(), few.end(), std::greater<>());
+        if (start.score > best[n - 1]) {
+          best[n - 1] = start.score;
+          std::sort(best.begin(), best.begin() + n, std::greater<>());
         }
       }
       starts.push_back(start);
+    };
+    for (double t = from; t <= to; t += stride * spacing) {
+      for (int polarity : {1, -1}) walkFrom(t, polarity);
     }
-  }
-  const auto byScore = [](const Start& a, const Start& b) { return a.score > b.score; };
-  const std::size_t rescored = std::min(kStartsRescored, starts.size());
-  std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
-  starts.resize(rescored);
-  for (Start& start : starts) {
-    if (start.walk.abandoned) start.walk = startWalk(start.time), start.walk.abandoned = false;
-    walkOn(start.walk, start.polarity, relativeEnd, kNone);
-    start.score = walkScore(start.walk);
-  }
-  std::sort(starts.begin(), starts.end(), byScore);
+    // Coarsely spaced, the best of each polarity is looked for between its
+    // neighbours too.
+    if (stride > 1) {
+      const std::size_t coarse = starts.size();
+      for (std::size_t side = 0; side < 2 && side < coarse; ++side) {
+        std::size_t top = side;
+        for (std::size_t i = side; i < coarse; i += 2) {
+          if (starts[i].score > starts[top].score) top = i;
+        }
+        if (starts[top].score == kNone) continue;
+        for (int d = 1; d < stride; ++d) {
+          for (const double t : {starts[top].time - d * spacing, starts[top].time + d * spacing}) {
+            if (t >= from && t <= to) walkFrom(t, starts[top].polarity);
+          }
+        }
+      }
+    }
+    if (kept > 0) {
+      // The best of each polarity first.
+      const auto positive = std::stable_partition(starts.begin(), starts.end(),
+                                                  [](const Start& a) { return a.polarity > 0; });
+      const std::size_t inPositive = std::min<std::size_t>(kept, positive - starts.begin());
+      std::partial_sort(starts.begin(), starts.begin() + inPositive, positive, byScore);
+      const std::size_t inNegative = std::min<std::size_t>(kept, starts.end() - positive);
+      std::partial_sort(positive, positive + inNegative, starts.end(), byScore);
+      std::move(positive, positive + inNegative, starts.begin() + inPositive);
+      starts.resize(inPositive + inNegative);
+    } else {
+      const std::size_t rescored = std::min(kStartsRescored, starts.size());
+      std::partial_sort(starts.begin(), starts.begin() + rescored, starts.end(), byScore);
+      starts.resize(rescored);
+    }
+    // One start of each polarity is searched whatever its score; more are
+    // searched best first, as they score over the whole stretch.
+    if (kept == 1) return;
+    for (Start& start : starts) {
+      if (start.walk.abandoned) start.walk = startWalk(start.time), start.walk.abandoned = false;
+      walkOn(start.walk, start.polarity, relativeEnd, kNone);
+      start.score = walkScore(start.walk);
+    }
+    std::sort(starts.begin(), starts.end(), byScore);
+  };
   // Inverted, a run of 0-bits is the same run half a period later, and a run
   // of 1-bits the same run one 0-bit later: only the other bits and the edges
   // tell the polarities apart. Both are searched, and the best reading of
   // each is kept: the other repetition decides between them.
   std::optional<Payload> byPolarity[2];
   // Any bits first, which is cheap: a clear reading that is a command is what
-  // the commands' layouts would read too. Otherwise the layouts decide.
+  // the commands' layouts would read too. Otherwise the layouts decide. And
+  // first from the best start of each polarity with a narrow beam: a reading
+  // that does not hold is read again from more starts with the wider beam.
+  rank(1, kQuickStride);
+  beamBits_ = kQuickBeamBits;
   readPolarities(starts, relativeEnd, false, byPolarity);
-  const auto sure = [&](const std::optional<Payload>& p) {
-    return p && p->confidence >= kSureMargin && isCommandPayload(layouts_, p->bits);
-  };
-  const bool firstBetter =
-      !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit);
-  if (!sure(byPolarity[firstBetter ? 0 : 1])) {
+  beamBits_ = kBeamBits;
+  if (!quickReadingHolds(byPolarity, signal, origin)) {
+    byPolarity[0].reset();
+    byPolarity[1].reset();
+    rank(0, 1);
+    readPolarities(starts, relativeEnd, false, byPolarity);
+  }
+  if (!sureCommand(layouts_, byPolarity[betterSide(byPolarity)], kSureMargin)) {
     byPolarity[0].reset();
     byPolarity[1].reset();
     readPolarities(starts, relativeEnd, true, byPolarity);
@@ -401,8 +482,7 @@ std::optional<Payload> PayloadDecoder::decode(const std::vector<float>& signal,
     if (payload) finishPayload(*payload, signal, origin);
   }
   if (!byPolarity[0] && !byPolarity[1]) return std::nullopt;
-  const int better =
-      !byPolarity[1] || (byPolarity[0] && byPolarity[0]->fit >= byPolarity[1]->fit) ? 0 : 1;
+  const int better = betterSide(byPolarity);
   Payload best = std::move(*byPolarity[better]);
   if (byPolarity[1 - better]) {
     best.inverted = std::make_shared<Payload>(std::move(*byPolarity[1 - better]));
@@ -484,7 +564,7 @@ int PayloadDecoder::forward(double t0, int polarity, double searchEnd) {
     reached_[g] = 0;
   }
   int lastLevel = 0;
-  const double beam = kBeamBits * level_ * 2 * half_[0];
+  const double beam = beamBits_ * level_ * 2 * half_[0];
   for (int i = 0; i < kLongestPayload; ++i) {
     // Only the levels a layout reaches are set, and read.
     for (int g = 0; g < layouts; ++g) {

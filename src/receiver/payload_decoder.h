@@ -112,6 +112,8 @@ class PayloadDecoder {
   void scoreBitsAfresh(const Clock& clock, int polarity, double score[2], Clock next[2],
                        Scored* keep) const;
   double bitLike(double t, int direction) const;
+  bool quickReadingHolds(const std::optional<Payload> (&byPolarity)[2],
+                         const std::vector<float>& signal, std::uint64_t origin) const;
   void finishPayload(Payload& payload, const std::vector<float>& signal,
                      std::uint64_t origin) const;
   void readPolarities(const std::vector<Start>& starts, double relativeEnd, bool constrained,
@@ -152,6 +154,7 @@ class PayloadDecoder {
   const double onsetSlack_;  // how late after the onset the first bit may begin
   const std::vector<PayloadLayout> layouts_;
   const int statesPerLayout_;
+  double beamBits_ = 0;      // how far behind the best a sequence is still followed
   bool constrained_ = true;  // searches follow the commands' layouts, or any bits only
   std::vector<double> prefix_;
   // Prefix sums of how far each sample's magnitude exceeds the bias: no bit
