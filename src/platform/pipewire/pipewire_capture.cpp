@@ -7,7 +7,6 @@
 #include <nimbara/signal/signal_format.h>
 
 #include <pipewire/pipewire.h>
-#include <spa/param/audio/format-utils.h>
 #include <spa/utils/ringbuffer.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include <new>
 #include <thread>
 
+#include "platform/pipewire/pipewire_connect.h"
 #include "platform/pipewire/pipewire_graph.h"
 #include "platform/pipewire/pipewire_stream.h"
 
@@ -63,33 +63,10 @@ class Capture : public CaptureStream {
       e.state_changed = &Capture::onState;
       return e;
     }();
-    pw_thread_loop_lock(loop_);
-    if (pw_thread_loop_start(loop_) < 0) {
-      pw_thread_loop_unlock(loop_);
-      pw_properties_free(props);
-      return NIMBARA_AUDIO_ERR_NO_MEMORY;
+    if (const std::int32_t status =
+            connectStream(loop_, "accessory", props, &events, this, PW_DIRECTION_INPUT, &stream_)) {
+      return status;
     }
-    stream_ =
-        pw_stream_new_simple(pw_thread_loop_get_loop(loop_), "accessory", props, &events, this);
-    if (stream_ == nullptr) {
-      pw_thread_loop_unlock(loop_);
-      return NIMBARA_AUDIO_ERR_NO_SERVER;
-    }
-    std::uint8_t pod[1024];
-    spa_pod_builder builder = SPA_POD_BUILDER_INIT(pod, sizeof pod);
-    spa_audio_info_raw info{};
-    info.format = SPA_AUDIO_FORMAT_S16_LE;
-    info.rate = NIMBARA_SAMPLE_RATE;
-    info.channels = NIMBARA_CHANNELS;
-    info.position[0] = SPA_AUDIO_CHANNEL_FL;
-    info.position[1] = SPA_AUDIO_CHANNEL_FR;
-    const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
-    const auto flags = static_cast<pw_stream_flags>(
-        PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS);
-    const int connected =
-        pw_stream_connect(stream_, PW_DIRECTION_INPUT, PW_ID_ANY, flags, params, 1);
-    pw_thread_loop_unlock(loop_);
-    if (connected < 0) return NIMBARA_AUDIO_ERR_STREAM;
     const auto until = std::chrono::steady_clock::now() + kStartLimit;
     while (!streaming_.load(std::memory_order_acquire)) {
       if (failed_.load(std::memory_order_acquire)) return NIMBARA_AUDIO_ERR_STREAM;
